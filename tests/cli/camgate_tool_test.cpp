@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 
 #include <memory>
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "support/front_end.h"
 #include "support/sockets.h"
 #include "support/testenv.h"
+#include "support/text.h"
 
 namespace {
 
@@ -54,11 +54,14 @@ TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
     ASSERT_EQ(run(p, {"login", "--port", port(), "--user", "alice"}), 0) << p.err();
     const std::string out = p.out();
     EXPECT_NE(out.find("logged in to 127.0.0.1:" + port() + " as alice\n"), std::string::npos) << out;
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(session +0x0[0-9a-f]{7} \(control slot \d+\)\n)"))) << out;
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(rights +all 16 operations\n)"))) << out;
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(live view +channels 1-64\n)"))) << out;
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n  video channels +1\n)"))) << out;
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n  serial number +-\n)"))) << out;
+    const std::string hex = "[0-9a-f]";
+    EXPECT_TRUE(
+        cgtest::has_line(out, "session    0x0" + hex + hex + hex + hex + hex + hex + hex + " (control slot [0-9]*)"))
+        << out;
+    EXPECT_TRUE(cgtest::has_line(out, "rights     all 16 operations")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "live view  channels 1-64")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "  video channels  1")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "  serial number   -")) << out;
     EXPECT_NE(out.find("\nlogged out\n"), std::string::npos) << out;
     EXPECT_TRUE(p.err().empty()) << p.err();
     EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
@@ -73,7 +76,7 @@ TEST_F(Tool, LoginJsonIsOneObject)
     EXPECT_EQ(out.front(), '{');
     EXPECT_EQ(out.substr(out.size() - 2), "}\n");
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
-    EXPECT_TRUE(std::regex_search(out, std::regex(R"("session_id": \d+, "session_id_hex": "0x0)"))) << out;
+    EXPECT_TRUE(cgtest::has_line(out, R"(*"session_id": [0-9]*, "session_id_hex": "0x0*)")) << out;
     EXPECT_NE(out.find(R"("operations": ["channel_set", "encode_set",)"), std::string::npos) << out;
     EXPECT_NE(out.find(R"("net_preview_channels": "1-64")"), std::string::npos) << out;
     EXPECT_NE(out.find(R"("video_chns": 1,)"), std::string::npos) << out;
@@ -85,12 +88,9 @@ TEST_F(Tool, SessionCountsHeartbeatsAndLogsOut)
     cgtest::Process p;
     ASSERT_EQ(run(p, {"session", "--port", port(), "--interval", "0.1", "--count", "3"}), 0) << p.err();
     const std::string out = p.out();
-    EXPECT_TRUE(
-        std::regex_search(out, std::regex(R"(^logged in to 127\.0\.0\.1:\d+ as admin, session 0x[0-9a-f]{8}\n)")))
-        << out;
+    EXPECT_EQ(out.find("logged in to 127.0.0.1:" + port() + " as admin, session 0x"), 0u) << out;
     for (int i = 1; i <= 3; ++i)
-        EXPECT_TRUE(std::regex_search(out, std::regex("\nheartbeat " + std::to_string(i) + R"(: ok, [0-9.]+ ms\n)")))
-            << out;
+        EXPECT_TRUE(cgtest::has_line(out, "heartbeat " + std::to_string(i) + ": ok, [0-9]*.[0-9] ms")) << out;
     EXPECT_EQ(out.find("heartbeat 4"), std::string::npos);
     EXPECT_NE(out.find("logged out (done) after 3 heartbeats\n"), std::string::npos) << out;
 }
