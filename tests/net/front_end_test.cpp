@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "common/env.h"
 #include "main/tcl_hook.h"
 #include "net/netctrl.h"
 #include "net/netuser.h"
@@ -105,6 +106,24 @@ TEST(FrontEnd, PortChangeMovesServersAndKeepsSessions)
     int n = 0;
     netuser_get_ctrl_sessions(nullptr, &n);
     EXPECT_EQ(n, 2);
+}
+
+TEST(FrontEnd, UdpServerAndDiscoveryHoldTheirPorts)
+{
+    const int port = cgtest::front_end_port();
+    EXPECT_TRUE(udp_port_taken(port));
+    EXPECT_TRUE(udp_port_taken(env_discovery_port()));
+    EXPECT_NE(env_discovery_port(), 16258);  // the test keeps off the camera's port
+    // A datagram on either port leaves the front end serving.
+    cgtest::Fd udp(socket(AF_INET, SOCK_DGRAM, 0));
+    for (int to : {port, env_discovery_port()}) {
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sa.sin_port = htons(static_cast<uint16_t>(to));
+        EXPECT_EQ(sendto(udp.get(), "QVRM", 4, 0, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 4);
+    }
+    EXPECT_TRUE(login(port).valid());
 }
 
 TEST(FrontEnd, ServerRebuildMovesBothServers)

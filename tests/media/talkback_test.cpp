@@ -1,0 +1,67 @@
+// Talkback carries no audio: the passive channel closes at once and an
+// active request succeeds without connecting anywhere.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "media/talkback.h"
+#include "support/sockets.h"
+
+namespace {
+
+NEW_ACTIVE_TALK_REQ talk_req(const char *ip, int port)
+{
+    NEW_ACTIVE_TALK_REQ req{};
+    wire_set_str(req.ipaddr, ip);
+    req.port = static_cast<TK_U32>(port);
+    return req;
+}
+
+}  // namespace
+
+TEST(Talkback, PassiveChannelReadsAndSendsNothing)
+{
+    auto pair = cgtest::tcp_pair();
+    send(pair.client.get(), "audio", 5, MSG_NOSIGNAL);
+    EXPECT_EQ(talkback_routine(pair.server.get()), 0);
+    char buf[8];
+    EXPECT_EQ(recv(pair.server.get(), buf, sizeof buf, MSG_DONTWAIT), 5);  // left unread
+    pollfd p{pair.client.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 100), 0);  // nothing was sent
+}
+
+TEST(Talkback, ActiveRequestSucceedsWithoutConnecting)
+{
+    // A listener that would see any connection made for the talk.
+    cgtest::Fd listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(listener.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    listen(listener.get(), 1);
+    socklen_t len = sizeof sa;
+    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&sa), &len);
+    const int port = ntohs(sa.sin_port);
+
+    auto control = cgtest::tcp_pair();
+    NEW_ACTIVE_TALK_REQ req = talk_req("", port);  // empty: the control peer's address
+    EXPECT_EQ(active_talkback(control.server.get(), 7, reinterpret_cast<const char *>(&req)), 0);
+    req = talk_req("127.0.0.1", port);
+    EXPECT_EQ(active_talkback(-1, 7, reinterpret_cast<const char *>(&req)), 0);
+    pollfd p{listener.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 200), 0);
+
+    // An address taken from the peer needs a peer.
+    cgtest::Fd lonely(socket(AF_INET, SOCK_STREAM, 0));
+    req = talk_req("", port);
+    EXPECT_EQ(active_talkback(lonely.get(), 7, reinterpret_cast<const char *>(&req)), -1);
+
+    // An address field without terminator is read within its 48 bytes.
+    std::memset(req.ipaddr, '1', sizeof req.ipaddr);
+    EXPECT_EQ(active_talkback(-1, 7, reinterpret_cast<const char *>(&req)), 0);
+}
