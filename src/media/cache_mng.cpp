@@ -199,6 +199,7 @@ void free_cache_frame(CacheMng *cacheMng, int idx)
 
 int insert_cache_frame(CacheMng *cacheMng, char *dataptr, int nbytes, int frametype, double timestamp, int blknums)
 {
+    if (cacheMng == nullptr || cacheMng->blk_total_nums <= 0 || blknums < 0 || nbytes < 0) return CACHE_RET_NOT_INIT;
     const int total = cacheMng->blk_total_nums;
     const int slot = ring_mod(static_cast<long long>(cacheMng->cur_frame) + 1, CACHE_FRAME_NUMS);
     const int nextblk = ring_mod(static_cast<long long>(cacheMng->cur_blk_index) + 1, total);

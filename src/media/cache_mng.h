@@ -162,7 +162,7 @@ int write_cache_frame(CacheMng *cacheMng, char *dataptr, int nbytes, int framety
 // cur_blk_index, without eviction or wrap handling: the caller guarantees the
 // blocks are free and do not cross the end of the ring. A DUMMY frame only
 // reserves its blocks; any other frame gets the next serial and its data is
-// copied. Returns 0.
+// copied. Returns 0 (-1 for a cache without blocks or a negative count).
 int insert_cache_frame(CacheMng *cacheMng, char *dataptr, int nbytes, int frametype, double timestamp, int blknums);
 
 // The frame slot selected by *serial (not changed): a serial >= 1 gives that

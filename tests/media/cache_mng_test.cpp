@@ -170,6 +170,12 @@ TEST(CacheMng, FrameSizeLimits)
     EXPECT_EQ(m.read(2)->serial, 2) << "an empty frame evicts nothing";
     EXPECT_EQ(check_invariants(m, true), "");
     EXPECT_EQ(write_cache_frame(m.c, nullptr, -1, CACHE_FRAME_TYPE_P, 0), CACHE_RET_NOT_INIT);
+
+    // A cache without blocks takes no frame at all, not even an empty one.
+    MemCache none(0);
+    EXPECT_EQ(none.write("", CACHE_FRAME_TYPE_P), CACHE_RET_FRAME_TOO_BIG);
+    EXPECT_EQ(insert_cache_frame(none.c, nullptr, 0, CACHE_FRAME_TYPE_P, 0, 0), CACHE_RET_NOT_INIT);
+    EXPECT_EQ(none.c->cur_serial, -1);
 }
 
 TEST(CacheMng, DataThatWouldWrapStartsAtBlockZeroAfterADummy)
