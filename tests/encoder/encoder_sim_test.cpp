@@ -308,18 +308,25 @@ TEST_F(EncoderSimTest, RefusesWhatItCannotPlay)
     }
 }
 
-TEST_F(EncoderSimTest, StopRemovesTheCache)
+TEST_F(EncoderSimTest, StopRemovesTheCacheAndStartBeginsAnew)
 {
     encoder::Options o = options();
     o.video = {synthetic(64, 64, 50, 5, 32)};
+    o.max_video_frames = 3;
     ASSERT_TRUE(start(o)) << sim_->error();
-    ASSERT_TRUE(sim_->wait_for_video(0, 1, 3000));
+    ASSERT_TRUE(sim_->wait_for_video(0, 3, 3000));
     EXPECT_TRUE(segment_exists());
     sim_->stop();
     EXPECT_FALSE(segment_exists());
     EXPECT_LT(semget(key_, 0, 0), 0);
     EXPECT_EQ(read_frame(0, CACHE_SEL_NEWEST).ret, CACHE_RET_NOT_INIT);
     sim_->stop();  // twice is harmless
+
+    // Started again: a fresh cache, and the frame limit counts from zero again.
+    ASSERT_TRUE(sim_->start()) << sim_->error();
+    const Frame third = read_when_written(0, 2);
+    ASSERT_EQ(third.ret, 0);
+    EXPECT_EQ(third.serial, 2);
 }
 
 }  // namespace

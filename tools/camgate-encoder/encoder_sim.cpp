@@ -374,6 +374,7 @@ bool EncoderSim::start()
     d.sources.clear();
     d.info.clear();
     d.error.clear();
+    d.counters = Counters();
     if (!d.load()) return false;
 
     if (d.opt.key != 0) {
