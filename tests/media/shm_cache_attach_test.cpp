@@ -1,0 +1,142 @@
+// Creating the frame cache and attaching to it, across processes.
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "media/cache_mng.h"
+#include "media/shm_cache.h"
+#include "support/testenv.h"
+
+namespace {
+
+class ShmCacheAttach : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        key_ = cgtest::unique_ipc_key();
+        setenv("CAMGATE_SHM_KEY", std::to_string(key_).c_str(), 1);
+    }
+    void TearDown() override
+    {
+        shm_cache_writer_uninit();
+        shm_cache_reader_uninit();
+        cgtest::remove_ipc(key_);
+        unsetenv("CAMGATE_SHM_KEY");
+    }
+    static shm_cache_info_t two_video_snap_audio()
+    {
+        shm_cache_info_t info{};
+        info.video_buf_cnt = 2;
+        info.video_buf_size[0] = 64;
+        info.video_buf_size[1] = 32;
+        info.snap_buf_cnt = 1;
+        info.snap_buf_size[0] = 16;
+        info.audio_buf_cnt = 1;
+        info.audio_buf_size[0] = 8;
+        return info;
+    }
+    key_t key_ = 0;
+};
+
+TEST_F(ShmCacheAttach, WriterLaysOutHeaderControlSlotsAndBuffers)
+{
+    shm_cache_info_t info = two_video_snap_audio();
+    ASSERT_EQ(shm_cache_writer_init(&info), 0);
+
+    int shmid = shmget(key_, 0, 0);
+    ASSERT_GE(shmid, 0);
+    const char *seg = static_cast<const char *>(shmat(shmid, nullptr, SHM_RDONLY));
+    ASSERT_NE(seg, reinterpret_cast<const char *>(-1));
+    const int32_t *h = reinterpret_cast<const int32_t *>(seg);
+    // cache_nums, info K, struct K, buf K, total K, video, audio, snap: audio before snapshot.
+    EXPECT_EQ(h[0], 4);
+    EXPECT_EQ(h[1], 1);
+    EXPECT_EQ(h[2], 17 * 4);
+    EXPECT_EQ(h[3], 64 + 32 + 16 + 8);
+    EXPECT_EQ(h[4], 1 + 68 + 120);
+    EXPECT_EQ(h[5], 2);
+    EXPECT_EQ(h[6], 1) << "audio count comes before the snapshot count";
+    EXPECT_EQ(h[7], 1);
+    shmid_ds ds{};
+    ASSERT_EQ(shmctl(shmid, IPC_STAT, &ds), 0);
+    EXPECT_EQ(ds.shm_segsz, static_cast<size_t>(189 * 1024));
+
+    const int buffers = (1 + 68) * 1024;
+    const int expect_offset[] = {buffers, buffers + 64 * 1024, buffers + 96 * 1024, buffers + 112 * 1024};
+    for (int i = 0; i < 4; ++i) {
+        const CacheMng *c = reinterpret_cast<const CacheMng *>(seg + 1024 + 17408 * i);
+        EXPECT_EQ(c->media_idx, i);
+        EXPECT_EQ(c->media_type, 6) << "unset media type";
+        EXPECT_EQ(c->cache_buf_offset, expect_offset[i]);
+        EXPECT_EQ(c->blk_total_nums, c->cache_buf_size / 1024);
+        EXPECT_EQ(c->blk_free_nums, c->blk_total_nums);
+        EXPECT_EQ(c->cur_serial, -1);
+        EXPECT_EQ(c->cur_frame, -1);
+        EXPECT_EQ(c->cur_gop, -1);
+        EXPECT_EQ(c->serial_to_frame[299], -1);
+        EXPECT_EQ(c->cache_frame[0].frametype, 0);
+        EXPECT_EQ(c->cache_gop[4].end_P_frame_idx, -1);
+    }
+    shmdt(seg);
+
+    EXPECT_EQ(get_video_cache_idx(1), 1);
+    EXPECT_EQ(get_video_cache_idx(2), -1);
+    EXPECT_EQ(get_snap_cache_idx(0), 2);
+    EXPECT_EQ(get_audio_cache_idx(0), 3);
+    EXPECT_EQ(get_audio_cache_idx(1), -1);
+}
+
+TEST_F(ShmCacheAttach, ReaderInAnotherProcessSeesMediaInformation)
+{
+    EXPECT_EQ(shm_cache_reader_init(), -1) << "no segment yet: the reader never creates one";
+    shm_cache_info_t info = two_video_snap_audio();
+    ASSERT_EQ(shm_cache_writer_init(&info), 0);
+    ASSERT_EQ(shm_cache_set_media_info(1, CACHE_MEDIA_TYPE_H264, 4000, 25, 640, 360), 0);
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        shm_cache_reader_uninit();  // forget the writer's attachment inherited from the parent
+        int type = 0, bps = 0, fps = 0, w = 0, h = 0;
+        bool ok = shm_cache_reader_init() == 0 && shm_cache_get_media_info(1, &type, &bps, &fps, &w, &h) == 0 &&
+                  type == CACHE_MEDIA_TYPE_H264 && bps == 4000 && fps == 25 && w == 640 && h == 360 &&
+                  get_audio_cache_idx(0) == 3 && shm_cache_get_media_info(4, &type, &bps, &fps, &w, &h) == -2;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(ShmCacheAttach, ReaderRefusesHeaderOfUnfinishedWriter)
+{
+    // A segment and semaphore set exist but the header is still zero.
+    int shmid = shmget(key_, 4096, IPC_CREAT | 0666);
+    ASSERT_GE(shmid, 0);
+    ASSERT_GE(semget(key_, 1, IPC_CREAT | 0666), 0);
+    int semid = semget(key_, 0, 0);
+    ASSERT_EQ(semctl(semid, 0, SETVAL, 1), 0);
+    EXPECT_EQ(shm_cache_reader_init(), -1);
+    int type = 0;
+    EXPECT_EQ(shm_cache_get_media_info(0, &type, nullptr, nullptr, nullptr, nullptr), -1);
+}
+
+TEST_F(ShmCacheAttach, WriterRefusesTooManyCaches)
+{
+    shm_cache_info_t info{};
+    info.video_buf_cnt = 8;
+    for (int &size : info.video_buf_size) size = 16;
+    EXPECT_EQ(shm_cache_writer_init(&info), -1) << "eight video caches although the record has room for eight";
+    info.video_buf_cnt = 1;
+    info.snap_buf_cnt = 2;
+    EXPECT_EQ(shm_cache_writer_init(&info), -1);
+    EXPECT_EQ(shm_cache_writer_init(nullptr), -1);
+    EXPECT_LT(shmget(key_, 0, 0), 0) << "nothing created";
+}
+
+}  // namespace
