@@ -271,23 +271,31 @@ struct SysServerSim::Impl {
         changed.notify_all();
     }
 
+    // Send the delayed answers that are due. Only the loop thread adds to or
+    // takes from the schedule, so an answer leaves it only once it is sent.
     void send_due()
     {
         std::vector<Scheduled> due;
+        const int64_t now = mono_ms();
         {
             std::lock_guard<std::mutex> lock(mutex);
-            const int64_t now = mono_ms();
-            auto split = std::stable_partition(scheduled.begin(), scheduled.end(),
-                                               [now](const Scheduled &s) { return s.due_ms > now; });
-            std::move(split, scheduled.end(), std::back_inserter(due));
-            scheduled.erase(split, scheduled.end());
+            for (const Scheduled &s : scheduled)
+                if (s.due_ms <= now) due.push_back(s);
         }
+        if (due.empty()) return;
         for (Scheduled &s : due) {
             if (auto conn = s.conn.lock()) {
                 std::lock_guard<std::mutex> lock(conn->write_mutex);
                 send_locked(*conn, s.bytes.data(), s.bytes.size());
             }
         }
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            scheduled.erase(std::remove_if(scheduled.begin(), scheduled.end(),
+                                           [now](const Scheduled &s) { return s.due_ms <= now; }),
+                            scheduled.end());
+        }
+        changed.notify_all();
     }
 
     int poll_timeout_ms()
@@ -346,6 +354,7 @@ struct SysServerSim::Impl {
             scheduled.clear();
         }
         for (auto &c : left) close_conn(c);
+        changed.notify_all();
     }
 };
 
@@ -602,6 +611,20 @@ std::vector<int64_t> SysServerSim::connect_times() const
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->connect_times;
+}
+
+void SysServerSim::reset_store()
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->store = Store();
+    impl_->save_state();
+}
+
+bool SysServerSim::wait_idle(int timeout_ms) const
+{
+    Impl &m = *impl_;
+    std::unique_lock<std::mutex> lock(m.mutex);
+    return m.changed.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return m.scheduled.empty(); });
 }
 
 std::string SysServerSim::state_error() const

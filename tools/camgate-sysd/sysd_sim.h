@@ -128,6 +128,10 @@ class SysServerSim {
     // Why the state file was not loaded at construction ("" when it was, or
     // when there was none yet).
     std::string state_error() const;
+    // Put every setting back to the defaults of a new camera (and save them).
+    void reset_store();
+    // Wait until every delayed answer has gone out.
+    bool wait_idle(int timeout_ms) const;
 
   private:
     struct Impl;
