@@ -108,9 +108,19 @@ TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
     ASSERT_TRUE(prog.proc.wait_exit(5000, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_TRUE(prog.start({"--state", state}));
-    SysdClient again(prog.port);
-    auto p = again.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
-    EXPECT_EQ(p.TclPort, 7300);
+    {
+        SysdClient again(prog.port);
+        auto p = again.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+        EXPECT_EQ(p.TclPort, 7300);
+        EXPECT_EQ(p.ThirdPartyProtocolType, 2);
+    }
+
+    // --client-port overrides the stored port at start.
+    prog.proc.stop();
+    ASSERT_TRUE(prog.start({"--state", state, "--client-port", "7400"}));
+    SysdClient third(prog.port);
+    auto p = third.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+    EXPECT_EQ(p.TclPort, 7400);
     EXPECT_EQ(p.ThirdPartyProtocolType, 2);
 }
 
@@ -138,7 +148,8 @@ TEST(SysdProgram, HelpAndBadArguments)
     int status = 0;
     ASSERT_TRUE(help.wait_exit(5000, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    for (const char *word : {"--port", "--state", "--no-push-on-set", "--verbose", "protocol on|off", "port N", "show"})
+    for (const char *word :
+         {"--port", "--state", "--client-port", "--no-push-on-set", "--verbose", "protocol on|off", "port N", "show"})
         EXPECT_NE(help.out().find(word), std::string::npos) << word;
 
     const std::vector<std::vector<std::string>> bad_args = {{"--port", "99999"}, {"--bogus"}, {"--state"}};

@@ -19,7 +19,7 @@
 namespace {
 
 const char *kUsage =
-    "usage: camgate-sysd [--port N] [--state FILE] [--no-push-on-set] [--verbose]\n"
+    "usage: camgate-sysd [--port N] [--state FILE] [--client-port N] [--no-push-on-set] [--verbose]\n"
     "\n"
     "The camera's settings server, simulated. Listens on 127.0.0.1 (port %d unless\n"
     "--port says otherwise) for the framed commands of camgated, keeps every setting\n"
@@ -32,6 +32,8 @@ const char *kUsage =
     "  --state FILE       load the settings from FILE at start and save them there\n"
     "                     after every change, so they survive a restart; a corrupt\n"
     "                     file is reported and the defaults are used\n"
+    "  --client-port N    set the daemon's client port (TclPort) at start, keeping the\n"
+    "                     daemon off the 6258 of a real camera\n"
     "  --no-push-on-set   do not push 0x306 after a set of the network-protocol settings\n"
     "  --verbose          print one line for every frame received\n"
     "  --help             this text\n"
@@ -167,6 +169,7 @@ int main(int argc, char **argv)
 {
     sysd::Options opt;
     opt.port = sysd::kDefaultPort;
+    int client_port = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         long v = 0;
@@ -178,6 +181,9 @@ int main(int argc, char **argv)
             ++i;
         } else if (arg == "--state" && i + 1 < argc) {
             opt.state_file = argv[++i];
+        } else if (arg == "--client-port" && i + 1 < argc && parse_number(argv[i + 1], 1, 65535, &v)) {
+            client_port = static_cast<int>(v);
+            ++i;
         } else if (arg == "--no-push-on-set") {
             opt.push_protocol_on_set = false;
         } else if (arg == "--verbose" || arg == "-v") {
@@ -198,6 +204,11 @@ int main(int argc, char **argv)
     signal(SIGPIPE, SIG_IGN);
 
     sysd::SysServerSim sim(opt);
+    if (client_port != 0) {
+        auto p = sim.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+        p.TclPort = static_cast<uint16_t>(client_port);
+        sim.put(ZQ_GETNETWORKPROTOCOL, p);
+    }
     if (!sim.start()) {
         std::fprintf(stderr, "camgate-sysd: cannot listen on 127.0.0.1:%d: %s\n", opt.port, std::strerror(errno));
         return 1;
