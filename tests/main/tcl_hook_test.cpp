@@ -221,37 +221,6 @@ TEST(TclCallback, StopPushFailsBothServicesAndAudioOtherWordsAreIgnored)
     EXPECT_EQ(g_tcl_info.tcl_enable, 1) << "the switch itself is the settings' business";
 }
 
-TEST(TclCallback, ResetClearsTheWholeRecord)
-{
-    tcl_info *info = get_g_tcl_info();
-    EXPECT_EQ(info, &g_tcl_info);
-    info->tcl_addr = 5;
-    info->tcl_port = 7000;
-    info->tcp_fd = 9;
-    info->udp_fd = 10;
-    info->ls_discov_fd = 11;
-    info->tcl_enable = 1;
-    info->audio_enable = 1;
-    info->tcl_st = con_change_port;
-    info->udp_st = con_fail;
-    info->event_state.loss_mask[0] = 1;
-    info->event_state.disk_full = 1;
-    info->event_time = 99;
-    tcl_info_reset(info);
-    EXPECT_EQ(info->tcl_addr, 0u);
-    EXPECT_EQ(info->tcl_port, 0u);
-    EXPECT_EQ(info->tcp_fd, 0);
-    EXPECT_EQ(info->udp_fd, 0);
-    EXPECT_EQ(info->ls_discov_fd, 0);
-    EXPECT_EQ(info->tcl_enable, 0);
-    EXPECT_EQ(info->audio_enable, 0);
-    EXPECT_EQ(info->tcl_st, con_suc);
-    EXPECT_EQ(info->udp_st, con_suc);
-    EXPECT_EQ(info->event_time, 0);
-    const auto *raw = reinterpret_cast<const uint8_t *>(&info->event_state);
-    EXPECT_EQ(std::count(raw, raw + sizeof(EVENT_STATE), 0), static_cast<long>(sizeof(EVENT_STATE)));
-}
-
 TEST_F(TclHook, PushesFromTheServerReachTheStateOnTheReaderThread)
 {
     connect();

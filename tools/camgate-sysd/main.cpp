@@ -169,6 +169,7 @@ int main(int argc, char **argv)
 {
     sysd::Options opt;
     opt.port = sysd::kDefaultPort;
+    opt.keep_frames = false;
     int client_port = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];

@@ -178,7 +178,7 @@ struct SysServerSim::Impl {
         std::vector<uint8_t> protocol;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            log.push_back(f);
+            if (opt.keep_frames) log.push_back(f);
             if (opt.log_frames) {
                 std::printf("recv dev %u param %u cmd 0x%03X len %zu\n", f.device_id, f.param, f.cmd, len);
                 std::fflush(stdout);

@@ -50,6 +50,7 @@ struct Options {
     std::string state_file;            // when set: loaded at start, saved after every change
     bool push_protocol_on_set = true;  // after ZQ_SETNETWORKPROTOCOL, push 0x306 with the new record
     bool log_frames = false;           // print one line per frame received (the program sets it)
+    bool keep_frames = true;           // keep the frame log (the program turns it off: a long run must not grow)
 };
 
 class SysServerSim {
