@@ -249,10 +249,13 @@ TEST_F(ChannelTest, LateAnswerTimesOutAfterTenSecondsAndIsDropped)
     changed.TclPort = 7777;
     sim().put(ZQ_GETNETWORKPROTOCOL, changed);
     ASSERT_TRUE(sim().wait_idle(3000)) << "the late answer went out";
-    // The stream is ordered: once a request with another word is over (answered,
-    // or woken empty by the late answer itself), the reader has handled the late one.
-    NetworkConfig net{};
-    EXPECT_EQ(socket_client_cmd_Read(ZQ_GETNETWORK, nullptr, 0, &net, &len, sizeof net), 0);
+    // The stream is ordered: once a push sent after it has reached the callback,
+    // the reader has handled the late answer. (A request would not do: its own
+    // answer could still be on the way and meet the next request.)
+    clear_pushes();
+    socket_client_reg_callback_cmd_Read(record_push, nullptr);
+    ASSERT_TRUE(sim().push(0x7F1, "marker", 6));
+    ASSERT_TRUE(wait_pushes(1, 3000));
     proto = NetworkProtocol{};
     ASSERT_EQ(socket_client_cmd_Read(ZQ_GETNETWORKPROTOCOL, nullptr, 0, &proto, &len, sizeof proto), 0);
     EXPECT_EQ(len, 2672);
