@@ -41,6 +41,14 @@ enum socket_device_table {
     SOCKET_MAX_DEVICE = 11,
 };
 
+// State of the channel as the reader thread sees it.
+enum socket_device_status {
+    SOCKET_STATUS_IDEL = 0,     // not started
+    SOCKET_STATUS_INIT = 1,     // connecting
+    SOCKET_STATUS_CONNECT = 2,  // connected
+    SOCKET_ERR = 3,             // connection lost
+};
+
 struct CG_PACKED ZQ_FRAME_HEAD {
     uint32_t flag;     // SOCKET_DEVICE_CMD_FLAG
     uint8_t device_id; // sender's client id
@@ -210,6 +218,35 @@ struct CG_PACKED NetworkProtocolReq {
     uint8_t sel[54];
 };
 CG_SIZE(NetworkProtocolReq, 54);
+
+// Positions in NetworkProtocolReq.sel of the fields the daemon selects. The
+// platform fields the daemon never reads (SNMP address, CGI, ONVIF and the
+// other platforms) take the positions in between. The server answers the
+// whole record whatever is selected.
+enum NetworkProtocolSel {
+    NP_SEL_UPNP_ENABLE = 0,
+    NP_SEL_DDNS_PROTOCOL = 1,
+    NP_SEL_DDNS_INFO = 2,
+    NP_SEL_SNMP_ENABLE = 18,
+    NP_SEL_SNMP_PORT = 19,
+    NP_SEL_FTP_ADDRESS = 21,
+    NP_SEL_FTP_PORT = 22,
+    NP_SEL_FTP_NAME = 23,
+    NP_SEL_FTP_PASSWORD = 24,
+    NP_SEL_FTP_UPLOAD_PATH = 25,
+    NP_SEL_SMTP_SERVER_ADDRESS = 26,
+    NP_SEL_SMTP_SERVER_PORT = 27,
+    NP_SEL_SMTP_SERVER_AUTHER = 28,
+    NP_SEL_SMTP_NAME = 29,
+    NP_SEL_SMTP_PASSWORD = 30,
+    NP_SEL_SMTP_SEND = 31,
+    NP_SEL_SMTP_RECEIVE = 32,
+    NP_SEL_THIRD_PARTY_PROTOCOL_ENABLE = 33,
+    NP_SEL_THIRD_PARTY_PROTOCOL_TYPE = 34,
+    NP_SEL_TCL_PORT = 35,
+    NP_SEL_RTSP_PORT = 52,
+    NP_SEL_HTTP_PORT = 53,
+};
 
 struct CG_PACKED NetworkConfig {
     uint8_t IPType;

@@ -30,7 +30,13 @@ struct tcl_info {
     std::mutex event_mutex;
 };
 
+// Default TCP and UDP port of the client protocol, used when the settings give 0.
+constexpr unsigned int TCL_DEFAULT_PORT = 6258;
+
 // The process-wide record.
+extern tcl_info g_tcl_info;
+
+// The address of g_tcl_info.
 tcl_info *get_g_tcl_info();
 
 // Clear the record (start-up step 2): every field zero, descriptors zero too.
@@ -40,6 +46,10 @@ void tcl_info_reset(tcl_info *info);
 // tcl_enable and tcl_port (6258 when the server's TclPort is 0). Returns 0.
 int check_tcl_enable(tcl_info *info);
 
-// Push callback of the system-server channel: 0x306 settings changed, 0x508
-// alarm, 0x204 service stop; other words are ignored.
+// Push callback of the system-server channel, working on g_tcl_info: 0x306
+// settings changed (the enable byte is stored as sent, the port too, and the
+// service states say what the loops must do), 0x508 alarm (latches one flag
+// of event_state by AlarmType and stamps event_time), 0x204 service stop
+// (both services con_fail, audio off). Other words, and data too short for
+// the record, are ignored.
 void TclCB(unsigned short shCmd, const char *pData, int nOutLen);

@@ -49,10 +49,10 @@ struct CG_PACKED CacheFrame {
     int32_t ref_serial;  // always -1
     int32_t framesize;   // bytes of frame data
     uint8_t pad1[4];
-    double timestamp;    // capture time in seconds
-    int32_t frametype;   // cache_frame_type
-    int32_t blkindex;    // first data block, -1 = none
-    int32_t blknums;     // consecutive blocks held
+    double timestamp;   // capture time in seconds
+    int32_t frametype;  // cache_frame_type
+    int32_t blkindex;   // first data block, -1 = none
+    int32_t blknums;    // consecutive blocks held
     uint8_t pad2[4];
 };
 CG_SIZE(CacheFrame, 40);
@@ -94,10 +94,10 @@ struct CG_PACKED CacheMng {
     int32_t cur_serial;        // newest real frame, -1 when empty
     int32_t last_free_serial;  // most recently evicted, -1 at start
     int32_t serial_to_frame[CACHE_FRAME_NUMS];
-    int32_t cur_frame;         // slot of the newest frame, -1 when empty
+    int32_t cur_frame;  // slot of the newest frame, -1 when empty
     uint8_t pad1[4];
     CacheFrame cache_frame[CACHE_FRAME_NUMS];
-    int32_t cur_gop;           // GOP slot of the newest GOP, -1 when none
+    int32_t cur_gop;  // GOP slot of the newest GOP, -1 when none
     CacheGop cache_gop[CACHE_GOP_NUMS];
     uint8_t pad2[4];
 };
@@ -137,3 +137,48 @@ void reset_cache_gop(CacheGop *gop);
 // configuration); cache_buf_offset, cache_buf_size and media_idx are kept and
 // the block counts recomputed from cache_buf_size.
 void cache_mng_reset(CacheMng *cache);
+
+// The rest works on a CacheMng that sits in its control slot of a segment
+// laid out as above: the slot's position (from media_idx) gives the segment
+// start, and a cache's data lies cache_buf_offset bytes after that start.
+
+// Start of the data buffer of cacheMng, or nullptr when media_idx cannot be a
+// cache index or the buffer fields are negative.
+char *cache_mng_data(CacheMng *cacheMng);
+
+// Evict the frame in slot idx: its blocks are freed and, unless it is a
+// DUMMY, its serial becomes last_free_serial and leaves serial_to_frame. An
+// EMPTY slot (or an index outside 0..299) is left alone.
+void free_cache_frame(CacheMng *cacheMng, int idx);
+
+// Publish one frame: evict the oldest frames until its blocks are free, pad
+// the end of the block ring with a DUMMY frame where the data would wrap,
+// copy the data, index the serial, open a new GOP on an I-frame, and capture
+// codec configuration (cache_get_rtsp_data). 0, or -10 when the frame needs
+// more blocks than the whole buffer has (nothing changes then).
+int write_cache_frame(CacheMng *cacheMng, char *dataptr, int nbytes, int frametype, double timestamp);
+
+// Place one frame of blknums blocks in the next frame slot at the block after
+// cur_blk_index, without eviction or wrap handling: the caller guarantees the
+// blocks are free and do not cross the end of the ring. A DUMMY frame only
+// reserves its blocks; any other frame gets the next serial and its data is
+// copied. Returns 0 (-1 for a cache without blocks or a negative count).
+int insert_cache_frame(CacheMng *cacheMng, char *dataptr, int nbytes, int frametype, double timestamp, int blknums);
+
+// The frame slot selected by *serial (not changed): a serial >= 1 gives that
+// exact frame; 0 the newest; -1 the I-frame opening the newest GOP; -2 the
+// I-frame of the oldest GOP still held. nullptr when nothing qualifies.
+CacheFrame *read_cache_frame(CacheMng *cacheMng, int *serial);
+
+// The frame whose timestamp is nearest to video_timestamp and at most 1 s
+// away (ties go to the later slot); nullptr when none.
+CacheFrame *get_sync_audio_frame(CacheMng *cacheMng, double video_timestamp);
+
+// Capture codec configuration from a frame just written: the MPEG-4 VOL
+// header or the AAC configuration once, the H.264 SPS/PPS and profile_level
+// from every I-frame. 0 (also when there is nothing to capture); -2 without
+// cacheMng.
+int cache_get_rtsp_data(CacheMng *cacheMng, char *dataptr, int nbytes, int frametype);
+
+// Hex dump of size bytes to the log. 0, or -1 without data.
+int cache_dump_raw_data(char *data, int size);

@@ -25,6 +25,7 @@ int g_cache_info_size = 0;
 int g_cache_struct_size = 0;
 int g_cache_buf_size = 0;
 int g_cache_total_size = 0;
+size_t g_seg_size = 0;  // bytes of the attached segment
 
 ShmCacheHeader *header()
 {
@@ -73,6 +74,7 @@ void forget_attachment()
     g_semid = -1;
     g_cache_nums = g_cache_video_nums = g_cache_snap_nums = g_cache_audio_nums = 0;
     g_cache_info_size = g_cache_struct_size = g_cache_buf_size = g_cache_total_size = 0;
+    g_seg_size = 0;
 }
 
 CacheMng *shm_cache_mng(int idx)
@@ -86,6 +88,26 @@ int shm_cache_check(int idx)
     if (g_shm_ptr == nullptr || g_cache_nums < 1) return CACHE_RET_NOT_INIT;
     if (idx < 0 || idx >= g_cache_nums) return CACHE_RET_BAD_IDX;
     return CACHE_RET_OK;
+}
+
+// True when the frame's data lies inside its cache's buffer and the segment.
+// The record is shared with another process: a damaged one must never make a
+// read run past the segment.
+bool frame_in_buffer(const CacheMng *c, const CacheFrame *f)
+{
+    if (f->framesize < 0) return false;
+    if (f->framesize == 0) return true;
+    const long long start = static_cast<long long>(c->blk_buf_size) * f->blkindex;
+    return f->blkindex >= 0 && c->blk_buf_size > 0 && c->cache_buf_offset >= 0 &&
+           start + f->framesize <= c->cache_buf_size &&
+           static_cast<long long>(c->cache_buf_offset) + c->cache_buf_size <= static_cast<long long>(g_seg_size);
+}
+
+// Frame types a writer may publish.
+bool writable_frame_type(int frametype)
+{
+    return frametype == CACHE_FRAME_TYPE_DUMMY || frametype == CACHE_FRAME_TYPE_AUDIO ||
+           frametype == CACHE_FRAME_TYPE_I || frametype == CACHE_FRAME_TYPE_P || frametype == CACHE_FRAME_TYPE_B;
 }
 
 }  // namespace
@@ -159,6 +181,7 @@ int shm_cache_reader_init()
         forget_attachment();
         return CACHE_RET_NOT_INIT;
     }
+    g_seg_size = seg;
     for (int i = 0; i < g_cache_nums; ++i) {
         const CacheMng *c = shm_cache_mng(i);
         const long long end = static_cast<long long>(c->cache_buf_offset) + c->cache_buf_size;
@@ -220,7 +243,8 @@ int shm_cache_writer_init(shm_cache_info_t *info)
     const size_t total_bytes = static_cast<size_t>(g_cache_total_size) * 1024;
     const key_t key = env_shm_key();
     g_shmid = shm_init(key, total_bytes);
-    if (g_shmid < 0 || shm_size(g_shmid) < total_bytes) {
+    g_seg_size = g_shmid < 0 ? 0 : shm_size(g_shmid);
+    if (g_shmid < 0 || g_seg_size < total_bytes) {
         // An older, smaller segment under the same key cannot hold this layout.
         LOG_BARE("shm init error\n");
         forget_attachment();
@@ -326,8 +350,8 @@ int shm_cache_get_vol_data(int idx, char *voldata, int *voldata_size)
     return unlock_cache(idx);
 }
 
-int shm_cache_get_sps_pps_data(int idx, unsigned int *profile_level, char *spsdata, int *spsdata_size,
-                               char *ppsdata, int *ppsdata_size)
+int shm_cache_get_sps_pps_data(int idx, unsigned int *profile_level, char *spsdata, int *spsdata_size, char *ppsdata,
+                               int *ppsdata_size)
 {
     int ret = shm_cache_check(idx);
     if (ret != CACHE_RET_OK) return ret;
@@ -350,22 +374,74 @@ int shm_cache_get_sps_pps_data(int idx, unsigned int *profile_level, char *spsda
     return unlock_cache(idx);
 }
 
-// The frame operations (read, write, audio sync) land with the frame bookkeeping.
-int shm_cache_read_frame(int idx, int *, char *, int, int *, int *, double *)
+int shm_cache_read_frame(int idx, int *serial, char *bufptr, int buflen, int *framesize, int *frametype,
+                         double *timestamp)
 {
     int ret = shm_cache_check(idx);
-    return ret != CACHE_RET_OK ? ret : CACHE_RET_NO_FRAME;
+    if (ret != CACHE_RET_OK) return ret;
+    if (serial == nullptr || bufptr == nullptr || framesize == nullptr || frametype == nullptr || timestamp == nullptr)
+        return CACHE_RET_NOT_INIT;
+    if ((ret = lock_cache(idx)) != CACHE_RET_OK) return ret;
+    CacheMng *c = shm_cache_mng(idx);
+    bool damaged = false;
+    const CacheFrame *f = read_cache_frame(c, serial);
+    if (f != nullptr) {
+        *serial = f->serial;
+        *timestamp = f->timestamp;
+        *frametype = f->frametype;
+        *framesize = f->framesize;
+        if (!frame_in_buffer(c, f)) {
+            damaged = true;
+            ret = CACHE_RET_OVER_WRITE;  // unreadable: the caller starts again from a key frame
+        } else if (f->framesize > buflen) {
+            ret = CACHE_RET_BUF_TOO_SMALL;
+        } else {
+            if (f->framesize > 0)
+                std::memcpy(bufptr,
+                            g_shm_ptr + c->cache_buf_offset + static_cast<size_t>(c->blk_buf_size) * f->blkindex,
+                            static_cast<size_t>(f->framesize));
+            ret = CACHE_RET_OK;
+        }
+    } else {
+        // Not written yet, or gone (evicted, or the selector found nothing).
+        ret = (c->cur_serial < 0 || c->cur_serial < *serial) ? CACHE_RET_NO_FRAME : CACHE_RET_OVER_WRITE;
+    }
+    const int unlocked = unlock_cache(idx);
+    if (damaged) ERR("cache %d: frame %d lies outside the cache buffer, skipped", idx, *serial);
+    return unlocked != CACHE_RET_OK ? unlocked : ret;
 }
 
-int shm_cache_sync_audio(int *audio_start_serial, double)
+int shm_cache_sync_audio(int *audio_start_serial, double video_timestamp)
 {
     if (audio_start_serial == nullptr) return CACHE_RET_BAD_PARAM;
-    *audio_start_serial = 0;
-    return get_audio_cache_idx(0) < 0 ? CACHE_RET_BAD_IDX : CACHE_RET_OK;
+    const int idx = get_audio_cache_idx(0);
+    int ret = shm_cache_check(idx);
+    if (ret != CACHE_RET_OK) return ret;
+    if ((ret = lock_cache(idx)) != CACHE_RET_OK) return ret;
+    const CacheFrame *f = get_sync_audio_frame(shm_cache_mng(idx), video_timestamp);
+    const bool found = f != nullptr;
+    CacheFrame copy{};
+    if (found) copy = *f;
+    ret = unlock_cache(idx);
+    // Logged after giving the semaphore back: the encoder waits on it.
+    if (found) {
+        *audio_start_serial = copy.serial;
+        LOG_BARE("sync audo done : audio serial %d video timestamp %f frame info[%d %d %d %f]\n", copy.serial,
+                 video_timestamp, copy.serial, copy.frametype, copy.framesize, copy.timestamp);
+    } else {
+        LOG_BARE("sync audio fail...\n");
+        *audio_start_serial = 0;
+    }
+    return ret;
 }
 
-int shm_cache_write_frame(int idx, char *, int, int, double)
+int shm_cache_write_frame(int idx, char *dataptr, int nbytes, int frametype, double timestamp)
 {
     int ret = shm_cache_check(idx);
-    return ret != CACHE_RET_OK ? ret : CACHE_RET_FRAME_TOO_BIG;
+    if (ret != CACHE_RET_OK) return ret;
+    if (nbytes < 0 || (dataptr == nullptr && nbytes > 0) || !writable_frame_type(frametype)) return CACHE_RET_NOT_INIT;
+    if ((ret = lock_cache(idx)) != CACHE_RET_OK) return ret;
+    ret = write_cache_frame(shm_cache_mng(idx), dataptr, nbytes, frametype, timestamp);
+    const int unlocked = unlock_cache(idx);
+    return unlocked != CACHE_RET_OK ? unlocked : ret;
 }

@@ -49,11 +49,11 @@ enum cache_selector {
 
 // The writer's configuration; every size in K (1024 bytes).
 struct shm_cache_info_t {
-    int video_buf_cnt;        // at most 7
+    int video_buf_cnt;  // at most 7
     int video_buf_size[8];
-    int snap_buf_cnt;         // at most 1
+    int snap_buf_cnt;  // at most 1
     int snap_buf_size[2];
-    int audio_buf_cnt;        // at most 1
+    int audio_buf_cnt;  // at most 1
     int audio_buf_size[2];
 };
 
@@ -69,13 +69,15 @@ int shm_cache_reader_uninit();
 
 int shm_cache_get_media_info(int idx, int *mediatype, int *bps, int *fps, int *width, int *height);
 int shm_cache_get_vol_data(int idx, char *voldata, int *voldata_size);
-int shm_cache_get_sps_pps_data(int idx, unsigned int *profile_level, char *spsdata, int *spsdata_size,
-                               char *ppsdata, int *ppsdata_size);
+int shm_cache_get_sps_pps_data(int idx, unsigned int *profile_level, char *spsdata, int *spsdata_size, char *ppsdata,
+                               int *ppsdata_size);
 
 // Read the frame selected by *serial (a serial >= 1, or a cache_selector) of
 // cache idx into bufptr. On return *serial, *framesize, *frametype and
 // *timestamp describe the frame found. -11: the frame does not fit buflen and
-// nothing was copied; -20: not written yet; -21: evicted (or nothing found).
+// nothing was copied; -20: not written yet; -21: evicted (or nothing found,
+// or a damaged record places the frame outside the cache: start again from a
+// key frame). The copy is made under the cache's semaphore.
 int shm_cache_read_frame(int idx, int *serial, char *bufptr, int buflen, int *framesize, int *frametype,
                          double *timestamp);
 
@@ -89,5 +91,7 @@ int shm_cache_writer_init(shm_cache_info_t *info);
 int shm_cache_writer_uninit();
 int shm_cache_set_media_info(int idx, int mediatype, int bps, int fps, int width, int height);
 int shm_cache_reset(int idx);
-// Publish one frame; -10 when it needs more blocks than the cache has.
+// Publish one frame (AUDIO, I, P, B, or a DUMMY that only reserves blocks),
+// evicting the oldest frames as needed. -10 when it needs more blocks than the
+// cache has; -1 for a missing data pointer, a negative size or another type.
 int shm_cache_write_frame(int idx, char *dataptr, int nbytes, int frametype, double timestamp);

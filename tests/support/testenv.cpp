@@ -165,6 +165,7 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
     for (auto &s : argv_strings) argv.push_back(s.data());
     argv.push_back(nullptr);
 
+    const std::string stdin_path = stdin_path_;
     const std::string out_path = dir_.file("stdout");
     const std::string err_path = dir_.file("stderr");
     pid_ = fork();
@@ -177,10 +178,10 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
         dup2(err, 2);
         close(out);
         close(err);
-        int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0) {
-            dup2(devnull, 0);
-            close(devnull);
+        int in = open(stdin_path.c_str(), O_RDONLY);
+        if (in >= 0) {
+            dup2(in, 0);
+            close(in);
         }
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);

@@ -68,6 +68,8 @@ class Process {
     // always forced to their safe values. False when the program cannot start.
     bool start(const std::string &program, const std::vector<std::string> &args = {},
                const std::map<std::string, std::string> &env = {});
+    // Standard input of the next start(): the file (or FIFO) at path instead of /dev/null.
+    void set_stdin(const std::string &path) { stdin_path_ = path; }
     pid_t pid() const { return pid_; }
     bool running();
     // Wait for the exit; true and the wait status when it exited within timeout_ms.
@@ -86,6 +88,7 @@ class Process {
     pid_t pid_ = -1;
     int status_ = 0;
     bool reaped_ = false;
+    std::string stdin_path_ = "/dev/null";
     TempDir dir_;
 };
 

@@ -38,11 +38,19 @@ struct Frame {
     }
 };
 
+// The bytes of one frame as it travels: head, command word, data.
+std::vector<uint8_t> make_frame(uint16_t cmd, const void *data, size_t len, uint8_t param = SOCKET_DEVICE_NOBLOCK,
+                                uint8_t device_id = SOCKET_SYSTEM_SERVER);
+
+// The port camgate-sysd listens on unless told otherwise.
+constexpr int kDefaultPort = 19436;
+
 struct Options {
-    int port = 0;                     // 0: an ephemeral port (see port())
-    std::string state_file;           // when set: loaded at start, saved after every change
-    bool push_protocol_on_set = true; // after ZQ_SETNETWORKPROTOCOL, push 0x306 with the new record
-    bool log_frames = false;          // print one line per frame received (the program sets it)
+    int port = 0;                      // 0: an ephemeral port (see port()); kept across stop()/start()
+    std::string state_file;            // when set: loaded at start, saved after every change
+    bool push_protocol_on_set = true;  // after ZQ_SETNETWORKPROTOCOL, push 0x306 with the new record
+    bool log_frames = false;           // print one line per frame received (the program sets it)
+    bool keep_frames = true;           // keep the frame log (the program turns it off: a long run must not grow)
 };
 
 class SysServerSim {
@@ -93,6 +101,7 @@ class SysServerSim {
     bool wait_for(uint16_t cmd, int timeout_ms, Frame *out = nullptr, int n = 1) const;
 
     // --- behaviour -----------------------------------------------------------
+    // Sets still take effect at once; only the answer waits (other frames are served meanwhile).
     void set_delay(uint16_t cmd, int delay_ms);  // answer cmd only after delay_ms
     void set_silent(uint16_t cmd, bool silent);  // never answer cmd
     // Answer cmd with these exact bytes instead of the stored record (empty vector: back to normal).
@@ -103,9 +112,27 @@ class SysServerSim {
     // Send a push (param 0) to every connected client; false when none is connected.
     bool push(uint16_t cmd, const void *data, size_t len);
     int connections() const;
+    // Wait until at least n clients are connected (n 0: until none is).
     bool wait_connections(int n, int timeout_ms) const;
-    // Close every client connection (the listener stays).
+    // Close every client connection (the listener stays) and wait until they are gone.
     void drop_connections();
+
+    // --- additions -------------------------------------------------------------
+    // Send bytes exactly as given to every connected client, in pieces of
+    // piece_size bytes (0: all at once) with gap_ms between pieces; false when
+    // none is connected. For reassembly tests and malformed frames.
+    bool send_raw(const std::vector<uint8_t> &bytes, size_t piece_size = 0, int gap_ms = 0);
+    // Stop (or resume) reading from the clients, so their sends back up.
+    void pause_reading(bool paused);
+    // CLOCK_MONOTONIC milliseconds of every connection accepted so far.
+    std::vector<int64_t> connect_times() const;
+    // Why the state file was not loaded at construction ("" when it was, or
+    // when there was none yet).
+    std::string state_error() const;
+    // Put every setting back to the defaults of a new camera (and save them).
+    void reset_store();
+    // Wait until every delayed answer has gone out.
+    bool wait_idle(int timeout_ms) const;
 
   private:
     struct Impl;

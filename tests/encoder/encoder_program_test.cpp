@@ -1,0 +1,130 @@
+// The camgate-encoder program: options, signals, and the cache it leaves behind (none).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "camgate-encoder/encoder_sim.h"
+#include "media/shm_cache.h"
+#include "support/testenv.h"
+
+namespace {
+
+class EncoderProgram : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        key_ = cgtest::unique_ipc_key();
+        key_text_ = std::to_string(key_);
+        setenv("CAMGATE_SHM_KEY", key_text_.c_str(), 1);  // for the reader in this process
+    }
+    void TearDown() override
+    {
+        shm_cache_reader_uninit();
+        cgtest::remove_ipc(key_);
+        unsetenv("CAMGATE_SHM_KEY");
+    }
+    // Exit status of the program run with args to its end (at most 10 s).
+    int run(const std::vector<std::string> &args, cgtest::Process *p)
+    {
+        EXPECT_TRUE(p->start(cgtest::bin_path("camgate-encoder"), args));
+        int status = -1;
+        EXPECT_TRUE(p->wait_exit(10000, &status));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    // Attach as the daemon does and read the newest key frame of a stream.
+    bool read_key_frame(int stream, encoder::SyntheticFrame *sf)
+    {
+        std::vector<char> buf(1 << 16);
+        return cgtest::wait_until(
+            [&] {
+                if (shm_cache_reader_init() != 0) return false;
+                int serial = CACHE_SEL_NEWEST_GOP, size = 0, type = 0;
+                double ts = 0;
+                if (shm_cache_read_frame(stream, &serial, buf.data(), static_cast<int>(buf.size()), &size, &type,
+                                         &ts) != 0)
+                    return false;
+                return encoder::parse_synthetic_frame(buf.data(), static_cast<size_t>(size), sf);
+            },
+            5000, 20);
+    }
+
+    key_t key_ = 0;
+    std::string key_text_;
+};
+
+TEST_F(EncoderProgram, RunsUntilTerminatedThenRemovesTheCache)
+{
+    cgtest::Process p;
+    ASSERT_TRUE(p.start(cgtest::bin_path("camgate-encoder"),
+                        {"--key", key_text_, "--synthetic", "--streams", "2", "--fps", "50", "--gop", "10",
+                         "--cache-kb", "256", "--no-snapshot", "--stats", "1"}));
+    ASSERT_TRUE(p.wait_output("created, writing", 5000)) << p.out() << p.err();
+    EXPECT_TRUE(p.wait_output("stream 1: H.264 640x360 50 fps", 1000));
+    encoder::SyntheticFrame sf;
+    ASSERT_TRUE(read_key_frame(1, &sf));
+    EXPECT_EQ(sf.stream, 1);
+    EXPECT_TRUE(sf.key);
+    EXPECT_EQ(sf.frame % 10, 0);
+    EXPECT_EQ(get_audio_cache_idx(0), 2) << "two video caches, no snapshot cache, then audio";
+    ASSERT_TRUE(p.wait_output("refused 0", 3000)) << "a counters line each second";
+
+    const int status = p.stop(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(p.out().find("cache removed"), std::string::npos) << p.out();
+    EXPECT_LT(shmget(key_, 0, 0), 0) << "the segment is gone";
+}
+
+TEST_F(EncoderProgram, PausedUntilSignalled)
+{
+    cgtest::Process p;
+    ASSERT_TRUE(p.start(cgtest::bin_path("camgate-encoder"),
+                        {"--key", key_text_, "--synthetic", "--streams", "1", "--fps", "50", "--no-audio",
+                         "--no-snapshot", "--paused", "--stats", "0"}));
+    ASSERT_TRUE(p.wait_output("created, paused", 5000)) << p.out() << p.err();
+    ASSERT_TRUE(cgtest::wait_until([] { return shm_cache_reader_init() == 0; }, 3000));
+    char buf[16];
+    int serial = CACHE_SEL_NEWEST, size = 0, type = 0;
+    double ts = 0;
+    EXPECT_EQ(shm_cache_read_frame(0, &serial, buf, sizeof buf, &size, &type, &ts), CACHE_RET_NO_FRAME);
+    ASSERT_EQ(kill(p.pid(), SIGUSR1), 0);
+    ASSERT_TRUE(p.wait_output("camgate-encoder: writing", 3000));
+    encoder::SyntheticFrame sf;
+    ASSERT_TRUE(read_key_frame(0, &sf));
+    EXPECT_EQ(sf.frame, 0) << "the first key frame is frame 0";
+}
+
+TEST_F(EncoderProgram, OptionErrorsAndHelp)
+{
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        const char *says;
+    };
+    const Case cases[] = {
+        {{"--streams", "8"}, 2, "--streams wants a number from 1 to 7"},
+        {{"--bogus"}, 2, "unknown option --bogus"},
+        {{"--size", "big"}, 2, "--size wants WxH"},
+        {{"--key"}, 2, "--key wants a value"},
+        {{"--synthetic", "--clip", "x.h264"}, 2, "exclude each other"},
+        {{"--clip", "/nonexistent/clip.h264"}, 1, "No such file"},
+        {{"--synthetic", "--size", "641x360"}, 1, "even"},
+    };
+    for (const Case &c : cases) {
+        cgtest::Process p;
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), {"--key", key_text_});
+        EXPECT_EQ(run(args, &p), c.status) << c.says;
+        EXPECT_NE(p.err().find(c.says), std::string::npos) << p.err();
+        EXPECT_LT(shmget(key_, 0, 0), 0) << c.says;
+    }
+    cgtest::Process help;
+    EXPECT_EQ(run({"--help"}, &help), 0);
+    EXPECT_NE(help.out().find("usage: camgate-encoder"), std::string::npos);
+}
+
+}  // namespace

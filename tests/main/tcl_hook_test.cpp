@@ -1,0 +1,256 @@
+// The platform hook: the start-up read of the settings through the channel,
+// and the push callback's rules, directly and through the simulated server.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "main/sim_fixture.h"
+#include "main/tcl_hook.h"
+
+namespace {
+
+using cgtest::ChannelTest;
+using cgtest::wait_until;
+
+NetworkProtocol protocol(uint8_t enable, uint8_t type, uint16_t port)
+{
+    NetworkProtocol p{};
+    p.ThirdPartyProtocolEnable = enable;
+    p.ThirdPartyProtocolType = type;
+    p.TclPort = port;
+    return p;
+}
+
+void push(const NetworkProtocol &p)
+{
+    TclCB(ZQ_PUSH_NETWORKPROTOCOL, reinterpret_cast<const char *>(&p), sizeof p);
+}
+
+class TclHook : public ChannelTest {
+  protected:
+    void SetUp() override
+    {
+        ChannelTest::SetUp();
+        tcl_info_reset(&g_tcl_info);
+    }
+};
+
+TEST_F(TclHook, StartUpReadServesOnlyEnableOneTypeOneAndDefaultsThePort)
+{
+    connect();
+    struct Case {
+        uint8_t enable, type;
+        uint16_t port;
+        int enable_before;
+        int expect_enable;
+        unsigned expect_port;
+    };
+    const Case cases[] = {
+        {1, 1, 6258, 0, 1, 6258},                         // this protocol, switched on
+        {1, 2, 7000, 0, 0, 7000},                         // another platform's protocol: not served
+        {1, 2, 7000, 1, 1, 7000},                         // ... and an enable already set is left alone
+        {2, 1, 7000, 0, 0, 7000},                         // an enable other than 1 does not switch it on
+        {0, 1, 7000, 1, 0, 7000},                         // off whatever the type
+        {0, 9, 7000, 1, 0, 7000}, {1, 1, 0, 0, 1, 6258},  // port 0 means the default
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "enable " << int(c.enable) << " type " << int(c.type) << " port " << c.port);
+        sim().put(ZQ_GETNETWORKPROTOCOL, protocol(c.enable, c.type, c.port));
+        g_tcl_info.tcl_enable = c.enable_before;
+        g_tcl_info.tcl_port = 1;
+        EXPECT_EQ(check_tcl_enable(&g_tcl_info), 0);
+        EXPECT_EQ(g_tcl_info.tcl_enable, c.expect_enable);
+        EXPECT_EQ(g_tcl_info.tcl_port, c.expect_port);
+    }
+
+    sysd::Frame req;
+    ASSERT_TRUE(sim().wait_for(ZQ_GETNETWORKPROTOCOL, 1000, &req));
+    ASSERT_EQ(req.data.size(), 54u);
+    for (size_t i = 0; i < req.data.size(); ++i) {
+        const bool selected = i == NP_SEL_THIRD_PARTY_PROTOCOL_ENABLE || i == NP_SEL_THIRD_PARTY_PROTOCOL_TYPE;
+        EXPECT_EQ(req.data[i], selected ? 1 : 0) << "selector " << i;
+    }
+}
+
+TEST_F(TclHook, StartUpReadWithoutAWholeAnswerUsesAZeroedRecord)
+{
+    connect();
+    // A short answer carrying "on, type 1, port 7000" is not trusted in part.
+    std::vector<uint8_t> short_answer(2000, 0);
+    short_answer[offsetof(NetworkProtocol, ThirdPartyProtocolEnable)] = 1;
+    short_answer[offsetof(NetworkProtocol, ThirdPartyProtocolType)] = 1;
+    short_answer[offsetof(NetworkProtocol, TclPort)] = 0x58;
+    short_answer[offsetof(NetworkProtocol, TclPort) + 1] = 0x1B;
+    sim().set_canned_answer(ZQ_GETNETWORKPROTOCOL, short_answer);
+    g_tcl_info.tcl_enable = 1;
+    EXPECT_EQ(check_tcl_enable(&g_tcl_info), 0);
+    EXPECT_EQ(g_tcl_info.tcl_enable, 0);
+    EXPECT_EQ(g_tcl_info.tcl_port, 6258u);
+
+    // No server at all: the same defaults, at once.
+    socket_client_cmd_uninit();
+    g_tcl_info.tcl_enable = 1;
+    g_tcl_info.tcl_port = 1;
+    const int64_t t0 = cgtest::now_ms();
+    EXPECT_EQ(check_tcl_enable(&g_tcl_info), 0);
+    EXPECT_LT(cgtest::now_ms() - t0, 1000);
+    EXPECT_EQ(g_tcl_info.tcl_enable, 0);
+    EXPECT_EQ(g_tcl_info.tcl_port, 6258u);
+}
+
+TEST(TclCallback, SettingsPushSetsServiceStatesByEnableAndPort)
+{
+    struct Case {
+        const char *what;
+        int enable_before;
+        unsigned port_before;
+        uint8_t enable, type;
+        uint16_t port;
+        int expect_st;  // both services
+        int expect_enable;
+        unsigned expect_port;
+    };
+    const Case cases[] = {
+        {"switched on for this protocol", 0, 6258, 1, 1, 6258, con_suc, 1, 6258},
+        {"switched on for another type: stored, states kept", 0, 6258, 1, 2, 6258, con_fail, 1, 6258},
+        {"switched off", 1, 6258, 0, 1, 6258, con_fail, 0, 6258},
+        {"port changed", 1, 6258, 1, 1, 7000, con_change_port, 1, 7000},
+        {"switched off and port changed: rebuild wins", 1, 6258, 0, 1, 7000, con_change_port, 0, 7000},
+        {"nothing changed", 1, 6258, 1, 1, 6258, con_fail, 1, 6258},
+        {"port 0 is stored as 0", 1, 6258, 1, 1, 0, con_change_port, 1, 0},
+        {"enable 2 stored as it came", 0, 6258, 2, 1, 6258, con_fail, 2, 6258},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        tcl_info_reset(&g_tcl_info);
+        g_tcl_info.tcl_enable = c.enable_before;
+        g_tcl_info.tcl_port = c.port_before;
+        g_tcl_info.tcl_st = con_fail;
+        g_tcl_info.udp_st = con_fail;
+        push(protocol(c.enable, c.type, c.port));
+        EXPECT_EQ(g_tcl_info.tcl_st, c.expect_st);
+        EXPECT_EQ(g_tcl_info.udp_st, c.expect_st);
+        EXPECT_EQ(g_tcl_info.tcl_enable, c.expect_enable);
+        EXPECT_EQ(g_tcl_info.tcl_port, c.expect_port);
+    }
+
+    // A push too short for the fields read changes nothing.
+    tcl_info_reset(&g_tcl_info);
+    g_tcl_info.tcl_port = 6258;
+    NetworkProtocol p = protocol(1, 1, 7000);
+    TclCB(ZQ_PUSH_NETWORKPROTOCOL, reinterpret_cast<const char *>(&p), 1737);
+    TclCB(ZQ_PUSH_NETWORKPROTOCOL, nullptr, 2672);
+    EXPECT_EQ(g_tcl_info.tcl_enable, 0);
+    EXPECT_EQ(g_tcl_info.tcl_port, 6258u);
+    EXPECT_EQ(g_tcl_info.tcl_st, con_suc);
+}
+
+TEST(TclCallback, AlarmLatchesOneFlagByTypeAndStampsTheTime)
+{
+    struct Case {
+        uint8_t type;
+        const TK_U8 *(*flag)(const EVENT_STATE &);  // null: no flag
+    };
+    const Case cases[] = {
+        {0, [](const EVENT_STATE &e) { return &e.alarmin_mask[0]; }},
+        {1, [](const EVENT_STATE &e) { return &e.alarmin_mask[1]; }},
+        {2, [](const EVENT_STATE &e) { return &e.alarmin_mask[2]; }},
+        {3, [](const EVENT_STATE &e) { return &e.alarmin_mask[3]; }},
+        {4, [](const EVENT_STATE &e) { return &e.motion_mask[0]; }},
+        {9, [](const EVENT_STATE &e) { return &e.blind_mask[0]; }},
+        {11, [](const EVENT_STATE &e) { return &e.loss_mask[0]; }},
+        {5, nullptr},
+        {8, nullptr},
+        {10, nullptr},
+        {12, nullptr},
+        {255, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "AlarmType " << int(c.type));
+        tcl_info_reset(&g_tcl_info);
+        AlarmInfo alarm{};
+        alarm.AlarmType = c.type;
+        const time_t before = time(nullptr);
+        TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
+        std::lock_guard<std::mutex> lock(g_tcl_info.event_mutex);
+        EXPECT_GE(g_tcl_info.event_time, before) << "every alarm stamps the time";
+        const auto *raw = reinterpret_cast<const uint8_t *>(&g_tcl_info.event_state);
+        const long set = std::count(raw, raw + sizeof(EVENT_STATE), 1);
+        if (c.flag == nullptr) {
+            EXPECT_EQ(set, 0);
+        } else {
+            EXPECT_EQ(set, 1);
+            EXPECT_EQ(*c.flag(g_tcl_info.event_state), 1);
+        }
+    }
+
+    // Flags stay latched; a null or too short alarm changes nothing.
+    tcl_info_reset(&g_tcl_info);
+    AlarmInfo alarm{};
+    alarm.AlarmType = 1;
+    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
+    alarm.AlarmType = 4;
+    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
+    g_tcl_info.event_time = 1;
+    TclCB(ZQ_PUSH_ALARM, nullptr, 580);
+    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), 1);
+    EXPECT_EQ(g_tcl_info.event_time, 1);
+    EXPECT_EQ(g_tcl_info.event_state.alarmin_mask[1], 1);
+    EXPECT_EQ(g_tcl_info.event_state.motion_mask[0], 1);
+}
+
+TEST(TclCallback, StopPushFailsBothServicesAndAudioOtherWordsAreIgnored)
+{
+    tcl_info_reset(&g_tcl_info);
+    g_tcl_info.tcl_enable = 1;
+    g_tcl_info.tcl_port = 6258;
+    g_tcl_info.audio_enable = 1;
+    NetworkProtocol p = protocol(0, 0, 7000);
+    TclCB(ZQ_HEARTBEAT, reinterpret_cast<const char *>(&p), sizeof p);
+    TclCB(ZQ_GETNETWORKPROTOCOL, reinterpret_cast<const char *>(&p), sizeof p);
+    EXPECT_EQ(g_tcl_info.tcl_enable, 1);
+    EXPECT_EQ(g_tcl_info.tcl_port, 6258u);
+    EXPECT_EQ(g_tcl_info.tcl_st, con_suc);
+
+    TclCB(ZQ_PUSH_SERVICE_STOP, nullptr, 0);
+    EXPECT_EQ(g_tcl_info.tcl_st, con_fail);
+    EXPECT_EQ(g_tcl_info.udp_st, con_fail);
+    EXPECT_EQ(g_tcl_info.audio_enable, 0);
+    EXPECT_EQ(g_tcl_info.tcl_enable, 1) << "the switch itself is the settings' business";
+}
+
+TEST_F(TclHook, PushesFromTheServerReachTheStateOnTheReaderThread)
+{
+    connect();
+    socket_client_reg_callback_cmd_Read(TclCB, nullptr);
+    g_tcl_info.tcl_enable = 1;
+    g_tcl_info.tcl_port = 6258;
+
+    // The server tells its clients about a port change.
+    NetworkProtocol p = sim().get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+    p.TclPort = 7010;
+    ASSERT_TRUE(sim().push(ZQ_PUSH_NETWORKPROTOCOL, &p, sizeof p));
+    ASSERT_TRUE(wait_until([] { return g_tcl_info.tcl_port == 7010u; }, 2000));
+    EXPECT_EQ(g_tcl_info.tcl_st, con_change_port);
+
+    // A client's set of the settings comes back to every client as a push.
+    p.ThirdPartyProtocolEnable = 0;
+    EXPECT_EQ(socket_client_cmd_Write(ZQ_SETNETWORKPROTOCOL, &p, sizeof p), 0);
+    ASSERT_TRUE(wait_until([] { return g_tcl_info.tcl_enable == 0; }, 2000));
+    EXPECT_EQ(g_tcl_info.tcl_st, con_fail);
+    EXPECT_EQ(sim().get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).ThirdPartyProtocolEnable, 0);
+
+    AlarmInfo alarm{};
+    alarm.AlarmType = 11;
+    ASSERT_TRUE(sim().push(ZQ_PUSH_ALARM, &alarm, sizeof alarm));
+    ASSERT_TRUE(wait_until(
+        [] {
+            std::lock_guard<std::mutex> lock(g_tcl_info.event_mutex);
+            return g_tcl_info.event_state.loss_mask[0] == 1;
+        },
+        2000));
+}
+
+}  // namespace
