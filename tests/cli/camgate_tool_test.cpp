@@ -1,8 +1,6 @@
 // The camgate command-line tool against the front end running in this process.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -166,21 +164,14 @@ TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
 TEST_F(Tool, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
 {
     // A camera with the client protocol off closes the connection after the first header.
-    cgtest::Fd listener(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-    listen(listener.get(), 1);
-    socklen_t len = sizeof sa;
-    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&sa), &len);
+    cgtest::Listener listener;
     std::thread cam([&] {
-        cgtest::Fd fd(accept(listener.get(), nullptr, nullptr));
+        cgtest::Fd fd = listener.accept(10000);
         NEW_PACKET_HEADER h;
         cgtest::recv_exact(fd.get(), &h, sizeof h);
     });
     cgtest::Process p;
-    EXPECT_EQ(run(p, {"login", "--port", std::to_string(ntohs(sa.sin_port))}), 1);
+    EXPECT_EQ(run(p, {"login", "--port", std::to_string(listener.port())}), 1);
     cam.join();
     EXPECT_NE(p.err().find("closed the connection: is the client protocol enabled?"), std::string::npos) << p.err();
 }

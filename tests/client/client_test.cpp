@@ -2,8 +2,6 @@
 // against scripted fake cameras for the failures a real one rarely shows.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -30,30 +28,20 @@ class FakeCamera {
   public:
     explicit FakeCamera(std::function<void(int fd)> script)
     {
-        listener_.reset(socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        listen(listener_.get(), 1);
-        socklen_t len = sizeof sa;
-        getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&sa), &len);
-        port_ = ntohs(sa.sin_port);
         thread_ = std::thread([this, script] {
-            cgtest::Fd fd(accept(listener_.get(), nullptr, nullptr));
+            cgtest::Fd fd = listener_.accept(10000);
             if (fd.valid()) script(fd.get());
         });
     }
     ~FakeCamera()
     {
-        shutdown(listener_.get(), SHUT_RDWR);  // wakes accept when no one came
+        listener_.shutdown();  // wakes accept when no one came
         thread_.join();
     }
-    int port() const { return port_; }
+    int port() const { return listener_.port(); }
 
   private:
-    cgtest::Fd listener_;
-    int port_ = 0;
+    cgtest::Listener listener_;
     std::thread thread_;
 };
 

@@ -2,8 +2,6 @@
 // active request succeeds without connecting anywhere.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -37,24 +35,15 @@ TEST(Talkback, PassiveChannelReadsAndSendsNothing)
 
 TEST(Talkback, ActiveRequestSucceedsWithoutConnecting)
 {
-    // A listener that would see any connection made for the talk.
-    cgtest::Fd listener(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-    listen(listener.get(), 1);
-    socklen_t len = sizeof sa;
-    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&sa), &len);
-    const int port = ntohs(sa.sin_port);
+    cgtest::Listener listener;  // would see any connection made for the talk
+    const int port = listener.port();
 
     auto control = cgtest::tcp_pair();
     NEW_ACTIVE_TALK_REQ req = talk_req("", port);  // empty: the control peer's address
     EXPECT_EQ(active_talkback(control.server.get(), 7, reinterpret_cast<const char *>(&req)), 0);
     req = talk_req("127.0.0.1", port);
     EXPECT_EQ(active_talkback(-1, 7, reinterpret_cast<const char *>(&req)), 0);
-    pollfd p{listener.get(), POLLIN, 0};
-    EXPECT_EQ(poll(&p, 1, 200), 0);
+    EXPECT_FALSE(listener.accept(200).valid());
 
     // An address taken from the peer needs a peer.
     cgtest::Fd lonely(socket(AF_INET, SOCK_STREAM, 0));

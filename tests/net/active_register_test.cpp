@@ -2,9 +2,6 @@
 // the version and date rules of the device description.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -16,36 +13,6 @@
 #include "support/testenv.h"
 
 namespace {
-
-// A centre: a listener on a free loopback port.
-class Centre {
-  public:
-    Centre()
-    {
-        listener_.reset(socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        listen(listener_.get(), 4);
-        socklen_t len = sizeof sa;
-        getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&sa), &len);
-        port_ = ntohs(sa.sin_port);
-    }
-    int port() const { return port_; }
-
-    // The next camera connection, or an invalid Fd after timeout_ms.
-    cgtest::Fd accept_camera(int timeout_ms = 3000)
-    {
-        pollfd p{listener_.get(), POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) <= 0) return cgtest::Fd();
-        return cgtest::Fd(accept(listener_.get(), nullptr, nullptr));
-    }
-
-  private:
-    cgtest::Fd listener_;
-    int port_ = 0;
-};
 
 NET_CC_PARA centre_para(int port, const char *server = "127.0.0.1")
 {
@@ -78,14 +45,14 @@ class ActiveRegister : public ::testing::Test {
     // Accept the camera and read its registration message.
     cgtest::Fd accept_registration(NEW_PACKET_HEADER *head, NEW_PP_REGISTER_REQ *body)
     {
-        cgtest::Fd cam = centre_.accept_camera();
+        cgtest::Fd cam = centre_.accept();
         EXPECT_TRUE(cam.valid());
         EXPECT_TRUE(cgtest::recv_exact(cam.get(), head, sizeof *head));
         EXPECT_TRUE(cgtest::recv_exact(cam.get(), body, sizeof *body));
         return cam;
     }
 
-    Centre centre_;
+    cgtest::Listener centre_;  // the centre
 };
 
 }  // namespace
@@ -150,7 +117,7 @@ TEST_F(ActiveRegister, ArgumentsAndUnreachableCentres)
     NET_CC_PARA off = centre_para(centre_.port());
     off.enable = 0;
     EXPECT_EQ(active_register(&off), 0);
-    EXPECT_FALSE(centre_.accept_camera(300).valid());  // nothing was attempted
+    EXPECT_FALSE(centre_.accept(300).valid());  // nothing was attempted
 
     NET_CC_PARA unnamed = centre_para(centre_.port(), "");
     EXPECT_EQ(active_register(&unnamed), -8);
@@ -199,7 +166,7 @@ TEST_F(ActiveRegister, AcceptedRegistrationBecomesAControlConnection)
     ASSERT_TRUE(cgtest::recv_exact(cam.get(), &reply, sizeof reply));
     EXPECT_TRUE(cgtest::wait_peer_closed(cam.get(), 3000));
     EXPECT_EQ(ctrl_count(), 0);
-    EXPECT_FALSE(centre_.accept_camera(300).valid());  // no reconnection
+    EXPECT_FALSE(centre_.accept(300).valid());  // no reconnection
 }
 
 TEST_F(ActiveRegister, RefusalClosesWithoutSession)

@@ -63,6 +63,30 @@ TcpPair tcp_pair()
     return pair;
 }
 
+Listener::Listener()
+{
+    fd_.reset(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in sa = loopback(0);
+    if (bind(fd_.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || listen(fd_.get(), 8) != 0) {
+        fd_.reset();
+        return;
+    }
+    socklen_t len = sizeof sa;
+    getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&sa), &len);
+    port_ = ntohs(sa.sin_port);
+}
+
+Fd Listener::accept(int timeout_ms)
+{
+    if (!fd_.valid() || !wait_readable(fd_.get(), timeout_ms)) return Fd();
+    return Fd(::accept(fd_.get(), nullptr, nullptr));
+}
+
+void Listener::shutdown()
+{
+    ::shutdown(fd_.get(), SHUT_RDWR);
+}
+
 Fd connect_loopback(int port, int timeout_ms)
 {
     const int64_t deadline = now_ms() + timeout_ms;

@@ -48,6 +48,23 @@ struct TcpPair {
 };
 TcpPair tcp_pair();
 
+// A TCP listener on a free loopback port (a fake peer: a centre, a client
+// that receives an active stream, a scripted camera).
+class Listener {
+  public:
+    Listener();
+    int port() const { return port_; }
+    int fd() const { return fd_.get(); }
+    // The next connection, or an invalid Fd after timeout_ms.
+    Fd accept(int timeout_ms = 3000);
+    // Wake a thread blocked in accept (it gets an invalid Fd).
+    void shutdown();
+
+  private:
+    Fd fd_;
+    int port_ = 0;
+};
+
 // Connect to 127.0.0.1:port, retrying refused connections until timeout_ms
 // has passed (for servers that are still starting). Invalid Fd on failure.
 Fd connect_loopback(int port, int timeout_ms = 3000);
