@@ -134,6 +134,9 @@ TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
         cgtest::Process p;
         EXPECT_EQ(run(p, {"login", "--port", std::to_string(cgtest::free_tcp_port())}), 1);
         EXPECT_NE(p.err().find("camgate login: connection refused by 127.0.0.1:"), std::string::npos) << p.err();
+        cgtest::Process q;
+        EXPECT_EQ(run(q, {"login", "--host", ""}), 1);
+        EXPECT_NE(q.err().find("camgate login: cannot resolve host \"\""), std::string::npos) << q.err();
     }
     {
         std::vector<std::unique_ptr<camgate::client::Session>> held;

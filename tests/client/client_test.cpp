@@ -94,50 +94,6 @@ TEST(Client, LoginRequestsHeartbeatAndLogout)
     EXPECT_NE(msg.find("closed the connection"), std::string::npos) << msg;
 }
 
-TEST(Client, FullTableRefusesLoginWithItsCode)
-{
-    const int port = cgtest::front_end_port();
-    std::vector<std::unique_ptr<Session>> held;
-    for (int i = 0; i < NETUSER_CTRL_MAX; ++i) {
-        held.push_back(std::make_unique<Session>("127.0.0.1", port, 3000));
-        held.back()->login("u" + std::to_string(i), "");
-    }
-    Session late("127.0.0.1", port, 3000);
-    try {
-        late.login("late", "");
-        ADD_FAILURE() << "the 17th login was accepted";
-    } catch (const Error &e) {
-        EXPECT_EQ(e.kind(), ErrorKind::LoginRefused);
-        EXPECT_EQ(e.code(), -6);
-        EXPECT_STREQ(e.what(), "login refused: no free control session (-6)");
-    }
-    for (auto &s : held) s->logout();
-    EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 3000));
-}
-
-TEST(Client, ConnectionFailuresSayWhatToCheck)
-{
-    const int port = cgtest::free_tcp_port();  // nothing listens there
-    std::string msg = expect_error([&] { Session s("127.0.0.1", port, 1000); }, ErrorKind::ConnectionRefused);
-    EXPECT_EQ(
-        msg, "connection refused by 127.0.0.1:" + std::to_string(port) + ": is the daemon running and the port right?");
-    msg = expect_error([&] { Session s("", port, 1000); }, ErrorKind::Resolve);
-    EXPECT_NE(msg.find("cannot resolve host"), std::string::npos) << msg;
-}
-
-TEST(Client, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
-{
-    // The camera closes after the header when the client protocol is off.
-    FakeCamera cam([](int fd) {
-        NEW_PACKET_HEADER h;
-        cgtest::recv_exact(fd, &h, sizeof h);
-    });
-    Session s("127.0.0.1", cam.port(), 3000);
-    const std::string msg = expect_error([&] { s.login("admin", ""); }, ErrorKind::Closed);
-    EXPECT_NE(msg.find("closed the connection: is the client protocol enabled?"), std::string::npos) << msg;
-    EXPECT_FALSE(s.logged_in());
-}
-
 TEST(Client, SilentCameraTimesOutInTime)
 {
     FakeCamera cam([](int fd) { cgtest::wait_peer_closed(fd, 5000); });

@@ -93,15 +93,6 @@ TEST(ReplyHeader, NoloadAndLoadAcks)
     EXPECT_EQ(h.len, 4u);
 }
 
-TEST(ReplyHeader, OnlyQvrmInThisOrderIsTheMagic)
-{
-    EXPECT_TRUE(edci_is_magic("QVRM"));
-    EXPECT_FALSE(edci_is_magic("MRVQ"));
-    EXPECT_FALSE(edci_is_magic("QVRm"));
-    const TK_U32 magic = TK_PROTO_MAGIC;
-    EXPECT_TRUE(edci_is_magic(&magic));
-}
-
 TEST_F(Dispatch, FirstMessagesWithoutServiceCloseWithoutReply)
 {
     // Unknown first commands: -4; upgrade and upload first messages: accepted, nothing served.

@@ -33,13 +33,6 @@ cgtest::Fd login(int port, int timeout_ms = 3000)
     return fd;
 }
 
-// A heartbeat on a control connection answered 0.
-bool heartbeat(int fd)
-{
-    NEW_PACKET_HEADER h{};
-    return cgtest::send_message(fd, TK_CMD_HEARTBEAT) && cgtest::recv_exact(fd, &h, sizeof h) && h.cmd == 0;
-}
-
 // True when some socket without SO_REUSEADDR cannot bind UDP port (the front end holds it).
 bool udp_port_taken(int port)
 {
@@ -76,36 +69,6 @@ TEST(FrontEnd, ServerSocketsBindOrFail)
     EXPECT_TRUE(udp_port_taken(port));
     close(udp);
     EXPECT_EQ(create_udp_fd(0xC0000201, static_cast<unsigned short>(port), 0), -1);  // 192.0.2.1: not ours
-}
-
-// Real seconds: the listener moves to a new port within one select period;
-// the session made on the old port keeps working.
-TEST(FrontEnd, PortChangeMovesServersAndKeepsSessions)
-{
-    const int old_port = cgtest::front_end_port();
-    cgtest::Fd before = login(old_port);
-    ASSERT_TRUE(before.valid());
-    ASSERT_TRUE(udp_port_taken(old_port));
-
-    const int new_port = cgtest::free_port_tcp_and_udp();
-    tcl_info *info = get_g_tcl_info();
-    info->tcl_port = static_cast<unsigned>(new_port);
-    info->tcl_st = con_change_port;
-    info->udp_st = con_change_port;
-    const int64_t start = cgtest::now_ms();
-
-    cgtest::Fd after = login(new_port, 4000);
-    ASSERT_TRUE(after.valid());
-    EXPECT_LT(cgtest::now_ms() - start, 3500);
-    EXPECT_TRUE(cgtest::wait_until([&] { return udp_port_taken(new_port); }, 3000));
-    EXPECT_TRUE(cgtest::wait_until([&] { return connect_refused(old_port); }, 3000));
-    EXPECT_EQ(info->tcl_st.load(), con_suc);
-
-    EXPECT_TRUE(heartbeat(before.get()));
-    EXPECT_TRUE(heartbeat(after.get()));
-    int n = 0;
-    netuser_get_ctrl_sessions(nullptr, &n);
-    EXPECT_EQ(n, 2);
 }
 
 TEST(FrontEnd, UdpServerAndDiscoveryHoldTheirPorts)

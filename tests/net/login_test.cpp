@@ -88,16 +88,6 @@ TEST_F(Login, ReplyIsHeaderAndTheWholeDescription)
     expect[71] = 1;  // netport_num
     EXPECT_EQ(std::memcmp(body.data() + 324, expect.data(), expect.size()), 0);
 
-    // The connection is now a control connection.
-    ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_HEARTBEAT));
-    Reply r = read_reply(fd.get());
-    ASSERT_TRUE(r.ok);
-    EXPECT_EQ(r.head.cmd, 0);
-    EXPECT_EQ(r.head.len, 0u);
-    ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_GET_NETWORK_CFG));
-    r = read_reply(fd.get());
-    EXPECT_EQ(r.head.cmd, -4);
-
     CTRL_SESSION rec{};
     int n = 1;
     netuser_get_ctrl_sessions(&rec, &n);
@@ -105,9 +95,9 @@ TEST_F(Login, ReplyIsHeaderAndTheWholeDescription)
     EXPECT_EQ(rec.auth_id, rsp.session_id);
     EXPECT_STREQ(rec.user_name, "admin");
 
-    // Logout answers 0, ends the connection and removes the session.
+    // The connection is now a control connection: logout answers 0, ends it and removes the session.
     ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_LOGOUT));
-    r = read_reply(fd.get());
+    Reply r = read_reply(fd.get());
     EXPECT_EQ(r.head.cmd, 0);
     EXPECT_TRUE(cgtest::wait_peer_closed(fd.get(), 2000));
     EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
