@@ -11,11 +11,11 @@ namespace camgate {
 namespace tool {
 
 struct Command {
-    const char *name;                      // "login"
-    const char *summary;                   // one line for the tool's help
-    const char *usage;                     // "camgate login [options]"
-    const char *description;               // paragraph(s) for the command's help
-    std::vector<OptionSpec> (*options)();  // the options it accepts (--help is added)
+    const char *name;                     // "login"
+    const char *summary;                  // one line for the tool's help
+    const char *usage;                    // "camgate login [options]"
+    const char *description;              // paragraph(s) for the command's help
+    std::vector<OptionDef> (*options)();  // the options it accepts (--help is added)
     // Run with the parsed options; the exit status (0 success, 1 failure).
     // Errors of the client library and UsageError may be thrown.
     int (*run)(const Options &opts);

@@ -11,11 +11,11 @@ namespace tool {
 
 namespace {
 
-std::vector<OptionSpec> login_options()
+std::vector<OptionDef> login_options()
 {
-    std::vector<OptionSpec> specs = connection_options();
-    specs.push_back({"json", "", "print one JSON object instead of the table"});
-    return specs;
+    std::vector<OptionDef> defs = connection_options();
+    defs.push_back({"json", "", "print one JSON object instead of the table"});
+    return defs;
 }
 
 std::string or_dash(const std::string &s)

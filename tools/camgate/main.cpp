@@ -32,9 +32,9 @@ void tool_help(std::ostream &out)
 
 void command_help(const Command &c, std::ostream &out)
 {
-    std::vector<camgate::tool::OptionSpec> specs = c.options();
-    specs.push_back({"help", "", "show this help"});
-    out << "usage: " << c.usage << "\n\n" << c.description << "\n\noptions:\n" << camgate::tool::options_help(specs);
+    std::vector<camgate::tool::OptionDef> defs = c.options();
+    defs.push_back({"help", "", "show this help"});
+    out << "usage: " << c.usage << "\n\n" << c.description << "\n\noptions:\n" << camgate::tool::options_help(defs);
 }
 
 }  // namespace

@@ -11,9 +11,9 @@ namespace tool {
 
 namespace {
 
-const OptionSpec *find(const std::vector<OptionSpec> &specs, const std::string &name)
+const OptionDef *find(const std::vector<OptionDef> &defs, const std::string &name)
 {
-    for (const OptionSpec &s : specs) {
+    for (const OptionDef &s : defs) {
         if (s.name == name) return &s;
     }
     return nullptr;
@@ -21,7 +21,7 @@ const OptionSpec *find(const std::vector<OptionSpec> &specs, const std::string &
 
 }  // namespace
 
-Options::Options(const std::vector<OptionSpec> &specs, const std::vector<std::string> &args)
+Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::string> &args)
 {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
@@ -35,12 +35,12 @@ Options::Options(const std::vector<OptionSpec> &specs, const std::vector<std::st
             name.resize(eq);
             inline_value = true;
         }
-        const OptionSpec *spec = find(specs, name);
-        if (spec == nullptr) throw UsageError("unknown option --" + name);
-        if (spec->value_name.empty()) {
+        const OptionDef *def = find(defs, name);
+        if (def == nullptr) throw UsageError("unknown option --" + name);
+        if (def->value_name.empty()) {
             if (inline_value) throw UsageError("--" + name + " takes no value");
         } else if (!inline_value) {
-            if (i + 1 >= args.size()) throw UsageError("--" + name + " needs a value (" + spec->value_name + ")");
+            if (i + 1 >= args.size()) throw UsageError("--" + name + " needs a value (" + def->value_name + ")");
             value = args[++i];
         }
         values_[name] = value;
@@ -83,7 +83,7 @@ double Options::number(const std::string &name, double fallback, double min, dou
     return d;
 }
 
-std::vector<OptionSpec> connection_options()
+std::vector<OptionDef> connection_options()
 {
     return {
         {"host", "HOST", "camera address or name (default 127.0.0.1)"},
@@ -107,17 +107,17 @@ Target target_from(const Options &opts)
     return t;
 }
 
-std::string options_help(const std::vector<OptionSpec> &specs)
+std::string options_help(const std::vector<OptionDef> &defs)
 {
     size_t width = 0;
     std::vector<std::string> left;
-    for (const OptionSpec &s : specs) {
+    for (const OptionDef &s : defs) {
         left.push_back("--" + s.name + (s.value_name.empty() ? "" : " " + s.value_name));
         width = std::max(width, left.back().size());
     }
     std::string out;
-    for (size_t i = 0; i < specs.size(); ++i)
-        out += "  " + left[i] + std::string(width - left[i].size() + 2, ' ') + specs[i].help + "\n";
+    for (size_t i = 0; i < defs.size(); ++i)
+        out += "  " + left[i] + std::string(width - left[i].size() + 2, ' ') + defs[i].help + "\n";
     return out;
 }
 

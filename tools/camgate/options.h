@@ -15,7 +15,7 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
     std::string name;        // without the dashes: "port"
     std::string value_name;  // "PORT"; empty for a flag
     std::string help;        // one line, with the default where there is one
@@ -23,9 +23,9 @@ struct OptionSpec {
 
 class Options {
   public:
-    // Parse args against specs; throws UsageError for unknown options,
+    // Parse args against defs; throws UsageError for unknown options,
     // missing values, values given to flags and stray arguments.
-    Options(const std::vector<OptionSpec> &specs, const std::vector<std::string> &args);
+    Options(const std::vector<OptionDef> &defs, const std::vector<std::string> &args);
 
     bool has(const std::string &name) const { return values_.count(name) != 0; }
     std::string text(const std::string &name, const std::string &fallback) const;
@@ -39,7 +39,7 @@ class Options {
 };
 
 // The options every command that talks to a camera takes.
-std::vector<OptionSpec> connection_options();
+std::vector<OptionDef> connection_options();
 
 struct Target {
     std::string host;
@@ -51,7 +51,7 @@ struct Target {
 Target target_from(const Options &opts);
 
 // Help text of a list of options, one per line, aligned.
-std::string options_help(const std::vector<OptionSpec> &specs);
+std::string options_help(const std::vector<OptionDef> &defs);
 
 }  // namespace tool
 }  // namespace camgate

@@ -21,13 +21,13 @@ namespace {
 // The camera drops a control session after about 12 s without a heartbeat.
 constexpr double kSafeInterval = 10.0;
 
-std::vector<OptionSpec> session_options()
+std::vector<OptionDef> session_options()
 {
-    std::vector<OptionSpec> specs = connection_options();
-    specs.push_back({"interval", "SECONDS", "time between heartbeats (default 5; the camera waits about 12 s)"});
-    specs.push_back({"count", "N", "log out after N heartbeats (default 0: until interrupted)"});
-    specs.push_back({"json", "", "print one JSON object per line instead of text"});
-    return specs;
+    std::vector<OptionDef> defs = connection_options();
+    defs.push_back({"interval", "SECONDS", "time between heartbeats (default 5; the camera waits about 12 s)"});
+    defs.push_back({"count", "N", "log out after N heartbeats (default 0: until interrupted)"});
+    defs.push_back({"json", "", "print one JSON object per line instead of text"});
+    return defs;
 }
 
 // Wait up to seconds for SIGINT or SIGTERM (blocked by the caller); the signal, or 0 after the time.
