@@ -748,3 +748,85 @@ struct CG_PACKED TK_UDP_CHUNK_HDR {
     TK_U32 chunk_index;      // 0 at the start of each frame
 };
 CG_SIZE(TK_UDP_CHUNK_HDR, 16);
+
+// ------------------------------------------------------------- sessions ---
+// The public records of the session registry, also the items of the session
+// listings sent to clients. Addresses and ports are in host order.
+
+enum TK_LOGIN_MODE { LOGIN_MODE_LOGIN = 0, LOGIN_MODE_REGISTER = 1 };
+
+struct CG_PACKED CTRL_SESSION {
+    TK_S32 auth_id;
+    TK_S32 login_mode;  // TK_LOGIN_MODE
+    TK_S32 sockfd;
+    TK_U32 remote_addr;
+    TK_U32 remote_port;
+    char user_name[16];
+};
+CG_SIZE(CTRL_SESSION, 36);
+CG_OFFSET(CTRL_SESSION, login_mode, 4);
+CG_OFFSET(CTRL_SESSION, sockfd, 8);
+CG_OFFSET(CTRL_SESSION, remote_addr, 12);
+CG_OFFSET(CTRL_SESSION, remote_port, 16);
+CG_OFFSET(CTRL_SESSION, user_name, 20);
+
+struct CG_PACKED PREVIEW_SESSION {
+    TK_S32 auth_id;
+    TK_S32 login_mode;
+    TK_S32 sockfd;
+    TK_S32 channel;
+    TK_S32 stream_index;
+    TK_S32 protocol;  // TK_PROTOCOL_TYPE
+    TK_U32 addr;
+    TK_U32 port;
+    char user_name[16];
+};
+CG_SIZE(PREVIEW_SESSION, 48);
+CG_OFFSET(PREVIEW_SESSION, channel, 12);
+CG_OFFSET(PREVIEW_SESSION, stream_index, 16);
+CG_OFFSET(PREVIEW_SESSION, protocol, 20);
+CG_OFFSET(PREVIEW_SESSION, addr, 24);
+CG_OFFSET(PREVIEW_SESSION, port, 28);
+CG_OFFSET(PREVIEW_SESSION, user_name, 32);
+
+struct CG_PACKED PLAY_SESSION {
+    TK_S32 auth_id;
+    TK_S32 login_mode;
+    TK_S32 sockfd;
+    TK_U32 remote_addr;
+    TK_U32 remote_port;
+    char user_name[16];
+};
+CG_SIZE(PLAY_SESSION, 36);
+CG_OFFSET(PLAY_SESSION, remote_addr, 12);
+CG_OFFSET(PLAY_SESSION, user_name, 20);
+
+using TALK_SESSION = PLAY_SESSION;
+
+struct CG_PACKED UPGRADE_SESSION {
+    TK_S32 auth_id;
+    TK_S32 login_mode;
+    TK_S32 sockfd;
+    TK_S32 progress;
+    TK_U32 remote_addr;
+    TK_U32 remote_port;
+    char user_name[16];
+};
+CG_SIZE(UPGRADE_SESSION, 40);
+CG_OFFSET(UPGRADE_SESSION, progress, 12);
+CG_OFFSET(UPGRADE_SESSION, remote_addr, 16);
+CG_OFFSET(UPGRADE_SESSION, user_name, 24);
+
+struct CG_PACKED UPLOAD_SESSION {
+    TK_S32 auth_id;
+    TK_S32 login_mode;
+    TK_S32 sockfd;
+    TK_S32 alarm_type;
+    TK_U32 remote_addr;
+    TK_U32 remote_port;
+    char user_name[16];
+};
+CG_SIZE(UPLOAD_SESSION, 40);
+CG_OFFSET(UPLOAD_SESSION, alarm_type, 12);
+CG_OFFSET(UPLOAD_SESSION, remote_addr, 16);
+CG_OFFSET(UPLOAD_SESSION, user_name, 24);

@@ -1,0 +1,7 @@
+#include "playback/playback.h"
+
+int playback_routine(int fd)
+{
+    (void)fd;
+    return 0;
+}

@@ -1,0 +1,128 @@
+// Login and first messages through the real daemon, with the settings server
+// simulated: what a client sees on the wire and what the daemon logs.
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "client/client.h"
+#include "support/camera_fixture.h"
+#include "support/sockets.h"
+#include "support/text.h"
+
+namespace {
+
+// Send bytes on a new connection (then stop writing when half_close) and
+// collect everything until the daemon closes it.
+std::vector<uint8_t> exchange(int port, const std::string &bytes, bool *closed, bool half_close = false)
+{
+    cgtest::Fd fd = cgtest::connect_loopback(port);
+    send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (half_close) shutdown(fd.get(), SHUT_WR);
+    std::vector<uint8_t> got;
+    *closed = cgtest::wait_peer_closed(fd.get(), 3000, &got);
+    return got;
+}
+
+std::string header(int32_t cmd, uint32_t len = 0)
+{
+    NEW_PACKET_HEADER h{TK_PROTO_MAGIC, cmd, len};
+    return std::string(reinterpret_cast<const char *>(&h), sizeof h);
+}
+
+}  // namespace
+
+TEST(CameraLogin, DescriptionComesFromTheSettingsServer)
+{
+    cgtest::Camera cam;
+    DeviceInfoRsp info = cam.sim().get<DeviceInfoRsp>(ZQ_GETDEVICEINFO);
+    std::memset(info.DeviceId, 'D', sizeof info.DeviceId);  // 32 bytes without terminator
+    cam.sim().put(ZQ_GETDEVICEINFO, info);
+    DeviceCapabilityRsp cap = cam.sim().get<DeviceCapabilityRsp>(ZQ_GETDEVICECAP);
+    cap.IoInputCount = 4;
+    cap.IoOutputCount = 3;
+    cam.sim().put(ZQ_GETDEVICECAP, cap);
+    ASSERT_TRUE(cam.start()) << cam.error();
+    cam.sim().clear_received();
+
+    // The exact bytes: a 12-byte header and the 472-byte body.
+    cgtest::Fd fd = cgtest::connect_loopback(cam.port());
+    NEW_PP_LOGIN_REQ req{};
+    wire_set_str(req.uid, "alice");
+    wire_set_str(req.pass, "anything");
+    ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_LOGIN, &req, sizeof req));
+    std::array<uint8_t, 12 + 472> reply{};
+    ASSERT_TRUE(cgtest::recv_exact(fd.get(), reply.data(), reply.size()));
+    const NEW_PACKET_HEADER *h = reinterpret_cast<const NEW_PACKET_HEADER *>(reply.data());
+    EXPECT_EQ(h->magic, TK_PROTO_MAGIC);
+    EXPECT_EQ(h->cmd, 0);
+    EXPECT_EQ(h->len, 472u);
+    TK_DEVICE_INFO dev;
+    std::memcpy(&dev, reply.data() + 12 + 324, sizeof dev);
+    EXPECT_EQ(std::string(dev.serial_no), std::string(31, 'D'));  // kept terminated
+    EXPECT_EQ(dev.alarmin_chns, 4);
+    EXPECT_EQ(dev.alarmout_chns, 3);
+    EXPECT_EQ(dev.video_chns, 1);
+    EXPECT_EQ(dev.audio_chns, 1);
+    EXPECT_EQ(dev.netport_num, 1);
+    EXPECT_EQ(dev.version, 0u);
+    EXPECT_EQ(dev.dev_type[0], 0);
+    EXPECT_EQ(dev.release_date[0], 0);
+    for (size_t i = 12 + 4; i < 12 + 324; ++i) ASSERT_EQ(reply[i], 1) << i;
+    fd.reset();
+
+    // The daemon asked with zeroed selectors of the right sizes.
+    sysd::Frame f;
+    ASSERT_TRUE(cam.sim().wait_for(ZQ_GETDEVICECAP, 2000, &f));
+    EXPECT_EQ(f.data, std::vector<uint8_t>(6, 0));
+    ASSERT_TRUE(cam.sim().wait_for(ZQ_GETDEVICEINFO, 2000, &f));
+    EXPECT_EQ(f.data, std::vector<uint8_t>(8, 0));
+
+    // The tool shows the same.
+    cgtest::Process tool;
+    ASSERT_TRUE(tool.start(cgtest::bin_path("camgate"), {"login", "--port", std::to_string(cam.port())}));
+    int status = 0;
+    ASSERT_TRUE(tool.wait_exit(10000, &status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << tool.err();
+    EXPECT_TRUE(cgtest::has_line(tool.out(), "  serial number   " + std::string(31, 'D'))) << tool.out();
+    EXPECT_TRUE(cgtest::has_line(tool.out(), "  alarm inputs    4")) << tool.out();
+    EXPECT_TRUE(cgtest::has_line(tool.out(), "  alarm outputs   3")) << tool.out();
+}
+
+TEST(CameraLogin, FirstMessagesOnTheWire)
+{
+    cgtest::Camera cam;
+    ASSERT_TRUE(cam.start()) << cam.error();
+    cgtest::Process &d = cam.daemon();
+    bool closed = false;
+
+    // Only "QVRM" in this order is the magic.
+    EXPECT_TRUE(exchange(cam.port(), "MRVQ" + header(TK_CMD_LOGIN).substr(4), &closed).empty());
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(d.wait_output("pkt_magic[", 2000)) << d.err();
+
+    // The magic alone, then the client leaves: -7, no reply.
+    EXPECT_TRUE(exchange(cam.port(), "QVRM", &closed, true).empty());
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(d.wait_output("edci_parse_protocol failed! ret : -7", 2000)) << d.err();
+
+    // An unknown first command: -4, closed without reply.
+    EXPECT_TRUE(exchange(cam.port(), header(TK_CMD_GET_TIME), &closed).empty());
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(d.wait_output("edci_parse_protocol failed! ret : -4", 2000)) << d.err();
+
+    // Upgrade and upload first messages and a talk channel: closed without reply and without an error line.
+    const int failures = d.count_output("edci_parse_protocol failed!");
+    for (int32_t cmd : {TK_CMD_UPGRADE_FIRST, TK_CMD_UPLOAD_FIRST, TK_CMD_TALK_START}) {
+        EXPECT_TRUE(exchange(cam.port(), header(cmd), &closed).empty()) << std::hex << cmd;
+        EXPECT_TRUE(closed) << std::hex << cmd;
+    }
+    EXPECT_TRUE(d.wait_output("edci_parse_protocol, now cmd = " + std::to_string(TK_CMD_TALK_START), 2000));
+    EXPECT_EQ(d.count_output("edci_parse_protocol failed!"), failures) << d.err();
+    EXPECT_TRUE(d.running());
+}

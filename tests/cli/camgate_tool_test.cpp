@@ -1,0 +1,180 @@
+// The camgate command-line tool against the front end running in this process.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "client/client.h"
+#include "main/tcl_hook.h"
+#include "net/netuser.h"
+#include "support/front_end.h"
+#include "support/sockets.h"
+#include "support/testenv.h"
+#include "support/text.h"
+
+namespace {
+
+int ctrl_count()
+{
+    int n = 0;
+    netuser_get_ctrl_sessions(nullptr, &n);
+    return n;
+}
+
+class Tool : public ::testing::Test {
+  protected:
+    void SetUp() override { port_ = cgtest::front_end_port(); }
+
+    // Run camgate with args to its end; the exit status (-1 when it did not end within 10 s).
+    int run(cgtest::Process &p, std::vector<std::string> args)
+    {
+        EXPECT_TRUE(p.start(cgtest::bin_path("camgate"), args));
+        int status = 0;
+        if (!p.wait_exit(10000, &status)) return -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    std::string port() const { return std::to_string(port_); }
+
+    int port_ = -1;
+};
+
+}  // namespace
+
+TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
+{
+    cgtest::Process p;
+    ASSERT_EQ(run(p, {"login", "--port", port(), "--user", "alice"}), 0) << p.err();
+    const std::string out = p.out();
+    EXPECT_NE(out.find("logged in to 127.0.0.1:" + port() + " as alice\n"), std::string::npos) << out;
+    const std::string hex = "[0-9a-f]";
+    EXPECT_TRUE(
+        cgtest::has_line(out, "session    0x0" + hex + hex + hex + hex + hex + hex + hex + " (control slot [0-9]*)"))
+        << out;
+    EXPECT_TRUE(cgtest::has_line(out, "rights     all 16 operations")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "live view  channels 1-64")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "  video channels  1")) << out;
+    EXPECT_TRUE(cgtest::has_line(out, "  serial number   -")) << out;
+    EXPECT_NE(out.find("\nlogged out\n"), std::string::npos) << out;
+    EXPECT_TRUE(p.err().empty()) << p.err();
+    EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
+}
+
+TEST_F(Tool, LoginJsonIsOneObject)
+{
+    cgtest::Process p;
+    ASSERT_EQ(run(p, {"login", "--port=" + port(), "--json"}), 0) << p.err();
+    const std::string out = p.out();
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.front(), '{');
+    EXPECT_EQ(out.substr(out.size() - 2), "}\n");
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
+    EXPECT_TRUE(cgtest::has_line(out, R"(*"session_id": [0-9]*, "session_id_hex": "0x0*)")) << out;
+    EXPECT_NE(out.find(R"("operations": ["channel_set", "encode_set",)"), std::string::npos) << out;
+    EXPECT_NE(out.find(R"("net_preview_channels": "1-64")"), std::string::npos) << out;
+    EXPECT_NE(out.find(R"("video_chns": 1,)"), std::string::npos) << out;
+    EXPECT_NE(out.find(R"("logged_out": true})"), std::string::npos) << out;
+}
+
+TEST_F(Tool, SessionCountsHeartbeatsAndLogsOut)
+{
+    cgtest::Process p;
+    ASSERT_EQ(run(p, {"session", "--port", port(), "--interval", "0.1", "--count", "3"}), 0) << p.err();
+    const std::string out = p.out();
+    EXPECT_EQ(out.find("logged in to 127.0.0.1:" + port() + " as admin, session 0x"), 0u) << out;
+    for (int i = 1; i <= 3; ++i)
+        EXPECT_TRUE(cgtest::has_line(out, "heartbeat " + std::to_string(i) + ": ok, [0-9]*.[0-9] ms")) << out;
+    EXPECT_EQ(out.find("heartbeat 4"), std::string::npos);
+    EXPECT_NE(out.find("logged out (done) after 3 heartbeats\n"), std::string::npos) << out;
+}
+
+TEST_F(Tool, SessionLogsOutCleanlyOnSignals)
+{
+    for (int sig : {SIGINT, SIGTERM}) {
+        cgtest::Process p;
+        ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2", "--json"}));
+        ASSERT_TRUE(p.wait_output("\"n\": 2", 5000)) << p.out() << p.err();
+        EXPECT_EQ(ctrl_count(), 1);
+        kill(p.pid(), sig);
+        int status = 0;
+        ASSERT_TRUE(p.wait_exit(5000, &status));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        const std::string why = sig == SIGINT ? "interrupted" : "terminated";
+        EXPECT_NE(p.out().find(R"({"event": "logout", "reason": ")" + why + "\""), std::string::npos) << p.out();
+        EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
+    }
+}
+
+TEST_F(Tool, SessionReportsADroppedSession)
+{
+    cgtest::Process p;
+    ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2"}));
+    ASSERT_TRUE(p.wait_output("heartbeat 1: ok", 5000)) << p.err();
+    // Switching the client protocol off ends every control session.
+    tcl_info *info = get_g_tcl_info();
+    info->tcl_enable = 0;
+    int status = 0;
+    const bool ended = p.wait_exit(5000, &status);
+    info->tcl_enable = 1;
+    ASSERT_TRUE(ended);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_NE(p.err().find("failed: the camera 127.0.0.1:" + port() + " closed the connection"), std::string::npos)
+        << p.err();
+    EXPECT_NE(p.err().find("about 12 s without heartbeats"), std::string::npos) << p.err();
+}
+
+TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
+{
+    {
+        cgtest::Process p;
+        EXPECT_EQ(run(p, {"login", "--port", std::to_string(cgtest::free_tcp_port())}), 1);
+        EXPECT_NE(p.err().find("camgate login: connection refused by 127.0.0.1:"), std::string::npos) << p.err();
+        cgtest::Process q;
+        EXPECT_EQ(run(q, {"login", "--host", ""}), 1);
+        EXPECT_NE(q.err().find("camgate login: cannot resolve host \"\""), std::string::npos) << q.err();
+    }
+    {
+        std::vector<std::unique_ptr<camgate::client::Session>> held;
+        for (int i = 0; i < NETUSER_CTRL_MAX; ++i) {
+            held.push_back(std::make_unique<camgate::client::Session>("127.0.0.1", port_, 3000));
+            held.back()->login("holder", "");
+        }
+        cgtest::Process p;
+        EXPECT_EQ(run(p, {"login", "--port", port()}), 1);
+        EXPECT_EQ(p.err(), "camgate login: login refused: no free control session (-6)\n");
+        for (auto &s : held) s->logout();
+    }
+    {
+        cgtest::Process p;
+        EXPECT_EQ(run(p, {"login", "--port", port(), "--user", "a-name-far-too-long"}), 2);
+        EXPECT_NE(p.err().find("--user is longer than"), std::string::npos) << p.err();
+        cgtest::Process q;
+        EXPECT_EQ(run(q, {"session", "--count"}), 2);
+        EXPECT_NE(q.err().find("--count needs a value"), std::string::npos) << q.err();
+        cgtest::Process r;
+        EXPECT_EQ(run(r, {"nonsense"}), 2);
+        cgtest::Process h;
+        EXPECT_EQ(run(h, {"session", "--help"}), 0);
+        EXPECT_NE(h.out().find("--interval SECONDS"), std::string::npos);
+    }
+}
+
+TEST_F(Tool, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
+{
+    // A camera with the client protocol off closes the connection after the first header.
+    cgtest::Listener listener;
+    std::thread cam([&] {
+        cgtest::Fd fd = listener.accept(10000);
+        NEW_PACKET_HEADER h;
+        cgtest::recv_exact(fd.get(), &h, sizeof h);
+    });
+    cgtest::Process p;
+    EXPECT_EQ(run(p, {"login", "--port", std::to_string(listener.port())}), 1);
+    cam.join();
+    EXPECT_NE(p.err().find("closed the connection: is the client protocol enabled?"), std::string::npos) << p.err();
+}

@@ -1,0 +1,17 @@
+// The table of commands: add a command group by writing its source file and listing it here.
+#include "command.h"
+
+namespace camgate {
+namespace tool {
+
+const std::vector<Command> &commands()
+{
+    static const std::vector<Command> table = {
+        login_command(),
+        session_command(),
+    };
+    return table;
+}
+
+}  // namespace tool
+}  // namespace camgate

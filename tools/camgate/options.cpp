@@ -1,0 +1,125 @@
+#include "options.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+namespace camgate {
+namespace tool {
+
+namespace {
+
+const OptionDef *find(const std::vector<OptionDef> &defs, const std::string &name)
+{
+    for (const OptionDef &s : defs) {
+        if (s.name == name) return &s;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::string> &args)
+{
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &arg = args[i];
+        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) throw UsageError("unexpected argument \"" + arg + "\"");
+        std::string name = arg.substr(2);
+        std::string value;
+        bool inline_value = false;
+        const size_t eq = name.find('=');
+        if (eq != std::string::npos) {
+            value = name.substr(eq + 1);
+            name.resize(eq);
+            inline_value = true;
+        }
+        const OptionDef *def = find(defs, name);
+        if (def == nullptr) throw UsageError("unknown option --" + name);
+        if (def->value_name.empty()) {
+            if (inline_value) throw UsageError("--" + name + " takes no value");
+        } else if (!inline_value) {
+            if (i + 1 >= args.size()) throw UsageError("--" + name + " needs a value (" + def->value_name + ")");
+            value = args[++i];
+        }
+        values_[name] = value;
+    }
+}
+
+std::string Options::text(const std::string &name, const std::string &fallback) const
+{
+    auto it = values_.find(name);
+    return it == values_.end() ? fallback : it->second;
+}
+
+long Options::integer(const std::string &name, long fallback, long min, long max) const
+{
+    auto it = values_.find(name);
+    if (it == values_.end()) return fallback;
+    const std::string &v = it->second;
+    char *end = nullptr;
+    errno = 0;
+    const long n = std::strtol(v.c_str(), &end, 10);
+    if (v.empty() || errno != 0 || *end != '\0' || n < min || n > max)
+        throw UsageError("--" + name + " must be a whole number from " + std::to_string(min) + " to " +
+                         std::to_string(max) + ", not \"" + v + "\"");
+    return n;
+}
+
+double Options::number(const std::string &name, double fallback, double min, double max) const
+{
+    auto it = values_.find(name);
+    if (it == values_.end()) return fallback;
+    const std::string &v = it->second;
+    char *end = nullptr;
+    errno = 0;
+    const double d = std::strtod(v.c_str(), &end);
+    if (v.empty() || errno != 0 || *end != '\0' || !std::isfinite(d) || d < min || d > max) {
+        char range[64];
+        std::snprintf(range, sizeof range, "from %g to %g", min, max);
+        throw UsageError("--" + name + " must be a number " + range + ", not \"" + v + "\"");
+    }
+    return d;
+}
+
+std::vector<OptionDef> connection_options()
+{
+    return {
+        {"host", "HOST", "camera address or name (default 127.0.0.1)"},
+        {"port", "PORT", "client port of the camera (default 6258)"},
+        {"user", "NAME", "user name, at most 15 characters are kept (default admin)"},
+        {"password", "PASSWORD", "password (default empty)"},
+        {"timeout", "SECONDS", "longest wait for the connection and for each answer (default 10)"},
+    };
+}
+
+Target target_from(const Options &opts)
+{
+    Target t;
+    t.host = opts.text("host", "127.0.0.1");
+    t.port = static_cast<int>(opts.integer("port", 6258, 1, 65535));
+    t.user = opts.text("user", "admin");
+    t.password = opts.text("password", "");
+    if (t.user.size() > 16) throw UsageError("--user is longer than the 16 bytes of a login");
+    if (t.password.size() > 16) throw UsageError("--password is longer than the 16 bytes of a login");
+    t.timeout_ms = static_cast<int>(std::lround(opts.number("timeout", 10, 0.1, 3600) * 1000));
+    return t;
+}
+
+std::string options_help(const std::vector<OptionDef> &defs)
+{
+    size_t width = 0;
+    std::vector<std::string> left;
+    for (const OptionDef &s : defs) {
+        left.push_back("--" + s.name + (s.value_name.empty() ? "" : " " + s.value_name));
+        width = std::max(width, left.back().size());
+    }
+    std::string out;
+    for (size_t i = 0; i < defs.size(); ++i)
+        out += "  " + left[i] + std::string(width - left[i].size() + 2, ' ') + defs[i].help + "\n";
+    return out;
+}
+
+}  // namespace tool
+}  // namespace camgate
