@@ -139,6 +139,8 @@ int run_ntp_set(const Options &opts)
 
 // -------------------------------------------------------------- e-mail ---
 
+constexpr size_t kMailAddress = 32;
+
 int run_email_get(const Options &opts)
 {
     const bool show = opts.has("show-passwords");
@@ -174,6 +176,9 @@ int run_email_set(const Options &opts)
     const bool has_enable = opts.has("enable"), has_ssl = opts.has("ssl");
     const bool enable = switch_option(opts, "enable", false), ssl = switch_option(opts, "ssl", false);
     const long port = opts.integer("smtp-port", 0, 1, 65535);
+    // The camera keeps 31 characters of the addresses, although the record carries 63.
+    check_fits(opts.text("from", ""), kMailAddress, "--from");
+    check_fits(opts.text("to", ""), kMailAddress, "--to");
     CameraSession cam(opts);
     NET_EMAIL_PARA e = cam.control().get_email();
     if (has_enable) e.enable = enable ? 1 : 0;
