@@ -65,10 +65,24 @@ int main(int argc, char **argv)
     }
     if (cmd == nullptr) {
         std::string choices;
+        std::vector<const Command *> group;
         for (const Command &c : commands()) {
             const std::string n = c.name;
-            if (n.compare(0, name.size() + 1, name + " ") == 0)
+            if (n.compare(0, name.size() + 1, name + " ") == 0) {
                 choices += (choices.empty() ? "" : ", ") + n.substr(name.size() + 1);
+                group.push_back(&c);
+            }
+        }
+        const bool help = argc >= 3 && (std::string(argv[2]) == "--help" || std::string(argv[2]) == "-h");
+        if (!group.empty() && help) {
+            size_t width = 0;
+            for (const Command *c : group) width = std::max(width, std::string(c->name).size());
+            for (const Command *c : group)
+                std::cout << "  " << c->name << std::string(width - std::string(c->name).size() + 2, ' ') << c->summary
+                          << "\n";
+            std::cout << "\nsee camgate " << name << " " << group.front()->name + name.size() + 1 << " --help"
+                      << std::endl;
+            return 0;
         }
         if (!choices.empty())
             std::cerr << "camgate " << name << ": say what to do: " << choices << "; see camgate --help" << std::endl;

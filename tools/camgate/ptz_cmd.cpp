@@ -117,10 +117,8 @@ int run_ptz(const Options &opts)
 
 std::vector<OptionDef> ptz_options()
 {
-    std::string help = "what to do:";
-    for (const Action &a : kActions) help += std::string(" ") + a.name;
     return with_connection({
-        {"", "ACTION", help},
+        {"", "ACTION", "what to do (the actions are listed above)"},
         {"speed", "0-7", "speed of moves, focus, auto-pan and scans (default 4)"},
         {"stop", "", "stop the movement (or the wiper)"},
         {"channel", "N", "channel of moves and zoom (default 0)"},
@@ -225,7 +223,15 @@ Command ptz_command()
     return {"ptz",
             "move the camera: pan, tilt, zoom, focus, iris, presets, tours, scans",
             "camgate ptz ACTION [--speed 0-7] [--stop] [--preset N] [--tour N] [--position N] [--zone N] [options]",
-            "Sends one PTZ command. A move goes on until the same action is sent with --stop:\n"
+            "Sends one PTZ command. ACTION is one of\n"
+            "  up, down, left, right, up-left, up-right, down-left, down-right  (--speed, --stop)\n"
+            "  zoom-in, zoom-out, iris-open, iris-close                         (--stop)\n"
+            "  focus-far, focus-near                                            (--speed, --stop)\n"
+            "  preset-call, preset-save                                         (--preset)\n"
+            "  tour-add (--tour, --preset), tour-remove (--tour, --position), tour-delete, tour-run (--tour)\n"
+            "  autopan, scan-start, scan-stop, scan-run                         (--zone, --speed, --stop)\n"
+            "  light (--light on|off), wiper (--stop)\n"
+            "A move goes on until the same action is sent with --stop:\n"
             "  camgate ptz left --speed 7, then camgate ptz left --stop\n"
             "Tours are lists of presets: tour-add --tour 1 --preset 5 appends preset 5 (2 s dwell),\n"
             "tour-remove --tour 1 --position 2 removes the second entry. The camera answers every\n"
