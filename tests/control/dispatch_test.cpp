@@ -15,7 +15,7 @@ namespace {
 using cgtest::CtrlReply;
 using cgtest::rights_with;
 
-class Dispatch : public cgtest::ControlConn {
+class ControlDispatch : public cgtest::ControlConn {
   protected:
     // The lines the shell recorder logged since mark().
     void mark() { shell_mark_ = cgtest::control_shell_log().size(); }
@@ -40,7 +40,7 @@ struct RightCase {
 
 }  // namespace
 
-TEST_F(Dispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
+TEST_F(ControlDispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
 {
     const std::vector<RightCase> cases = {
         {"network without its right", {RIGHT_RECORD_SET}, TK_CMD_GET_NETWORK_CFG, TK_ERR_RIGHT, true},
@@ -103,7 +103,7 @@ TEST_F(Dispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
     EXPECT_EQ(shell_since_mark(), "");  // the refused reboot ran nothing
 }
 
-TEST_F(Dispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
+TEST_F(ControlDispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
 {
     open();
     // Nothing built yet: result 0 without payload.
@@ -143,7 +143,7 @@ TEST_F(Dispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
     EXPECT_EQ(ask(0x70011).result, TK_ERR_RIGHT);
 }
 
-TEST_F(Dispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
+TEST_F(ControlDispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
 {
     open();
     testing::internal::CaptureStdout();
@@ -164,7 +164,7 @@ TEST_F(Dispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
     EXPECT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
 }
 
-TEST_F(Dispatch, FixedAnswersAndEmptySearches)
+TEST_F(ControlDispatch, FixedAnswersAndEmptySearches)
 {
     open();
     // Record mode 1 and pre-record time 5, whatever was set.
@@ -210,7 +210,7 @@ TEST_F(Dispatch, FixedAnswersAndEmptySearches)
     EXPECT_EQ(ask(TK_CMD_GET_CAMERA_CFG).body.size(), 4u + TK_CAMERA_PARA_SIZE);
 }
 
-TEST_F(Dispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
+TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
 {
     const std::string conf = cgtest::control_conf_dir();
     for (const char *f : {"config_record.ini", "config_record_2.ini", "config_ptz.ini", "config_image.ini",
@@ -249,7 +249,7 @@ TEST_F(Dispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
     EXPECT_TRUE(cgtest::has_line(out, "*--- CMD:TK_CMD_RESET_CHN_CFG  success")) << out;
 }
 
-TEST_F(Dispatch, RebootAnswersFirstRunsTheShellAndAnswersAgain)
+TEST_F(ControlDispatch, RebootAnswersFirstRunsTheShellAndAnswersAgain)
 {
     open();
     mark();
