@@ -35,6 +35,7 @@ enum class ErrorKind {
     LoginRefused,       // the camera answered the login with an error code (code())
     Protocol,           // the camera sent something that is not this protocol
     Io,                 // any other socket failure
+    Refused,            // a control command answered with a negative result (code())
 };
 
 class Error : public std::runtime_error {
@@ -44,7 +45,7 @@ class Error : public std::runtime_error {
     {
     }
     ErrorKind kind() const { return kind_; }
-    // The camera's result code for LoginRefused; 0 otherwise.
+    // The camera's result code for LoginRefused and Refused; 0 otherwise.
     int code() const { return code_; }
 
   private:

@@ -600,18 +600,23 @@ struct CG_PACKED REC_SCHE_PARA {
 };
 CG_SIZE(REC_SCHE_PARA, 336);
 
+// Disk status (DISK_INFO.status).
+enum TK_DISK_STATUS { DISK_STATUS_NORMAL = 0, DISK_STATUS_UNFORMATTED = 1, DISK_STATUS_NO_DISK = 2 };
+
 struct CG_PACKED DISK_FIXED_INFO {
-    char dev_path[32];
-    TK_U8 reserved[24];
+    char dev_path[32];    // mount point of the card
+    uint64_t total_size;  // capacity in bytes
+    TK_U8 reserved[16];
 };
 CG_SIZE(DISK_FIXED_INFO, 56);
+CG_OFFSET(DISK_FIXED_INFO, total_size, 32);
 
 struct CG_PACKED DISK_INFO {
-    TK_U32 status;
+    TK_U32 status;  // TK_DISK_STATUS
     TK_U8 reserved1[4];
-    TK_U8 start_time[8];
-    TK_U8 end_time[8];
-    TK_U8 used[8];
+    TK_SYS_TIME start_time;  // first recording held (zero: not known)
+    TK_SYS_TIME end_time;    // last recording held (zero: not known)
+    uint64_t used;           // bytes in use
     DISK_FIXED_INFO fixed_info;
 };
 CG_SIZE(DISK_INFO, 88);
@@ -830,3 +835,112 @@ CG_SIZE(UPLOAD_SESSION, 40);
 CG_OFFSET(UPLOAD_SESSION, alarm_type, 12);
 CG_OFFSET(UPLOAD_SESSION, remote_addr, 16);
 CG_OFFSET(UPLOAD_SESSION, user_name, 24);
+
+// ------------------------------------------- control command payloads ---
+// Records of the control commands that the sections above do not define.
+
+// Eight bytes ahead of the record in the payload of 0x30051 (schedule),
+// 0x30071 (video detection), 0x30081 (alarm output) and 0x300A4 (PTZ serial
+// settings). The camera ignores them; clients send zeros.
+struct CG_PACKED TK_SET_PREFIX {
+    TK_U32 channel;
+    TK_U32 reserved;
+};
+CG_SIZE(TK_SET_PREFIX, 8);
+
+// Payload of 0x30094, changing a password: three 16-byte strings.
+struct CG_PACKED TK_CHANGE_PASSWD_REQ {
+    char name[16];
+    char old_passwd[16];
+    char new_passwd[16];
+};
+CG_SIZE(TK_CHANGE_PASSWD_REQ, 48);
+CG_OFFSET(TK_CHANGE_PASSWD_REQ, old_passwd, 16);
+CG_OFFSET(TK_CHANGE_PASSWD_REQ, new_passwd, 32);
+
+// Codec of a video stream (VIDEO_ENC_PARA.codec); the values of the frame cache's media types.
+enum TK_VIDEO_CODEC {
+    VIDEO_CODEC_MJPEG = 0,
+    VIDEO_CODEC_MPEG4 = 3,
+    VIDEO_CODEC_H264 = 4,
+    VIDEO_CODEC_UNKNOWN = 6,  // the encoder has not published the stream's parameters yet
+};
+
+// One video stream's encoding (0x30040 answers one per stream, count-prefixed).
+struct CG_PACKED VIDEO_ENC_PARA {
+    TK_U32 channel;       // 0
+    TK_U32 stream_index;  // 0 main stream, 1 sub stream, ...
+    TK_U32 codec;         // TK_VIDEO_CODEC
+    TK_U16 width;         // pixels
+    TK_U16 height;        // pixels
+    TK_U32 frame_rate;    // frames a second
+    TK_U32 bit_rate;      // kilobits a second
+    TK_U8 reserved[92];
+};
+CG_SIZE(VIDEO_ENC_PARA, 116);
+CG_OFFSET(VIDEO_ENC_PARA, stream_index, 4);
+CG_OFFSET(VIDEO_ENC_PARA, codec, 8);
+CG_OFFSET(VIDEO_ENC_PARA, width, 12);
+CG_OFFSET(VIDEO_ENC_PARA, height, 14);
+CG_OFFSET(VIDEO_ENC_PARA, frame_rate, 16);
+CG_OFFSET(VIDEO_ENC_PARA, bit_rate, 20);
+CG_OFFSET(VIDEO_ENC_PARA, reserved, 24);
+
+// Regions of interest of the encoder (0x30043): a fixed record, no region set.
+struct CG_PACKED ENC_ROI_PARA {
+    TK_U32 max_regions;   // 4
+    TK_U32 region_count;  // 0
+    TK_U8 regions[3][16];
+    TK_U8 reserved[12];
+};
+CG_SIZE(ENC_ROI_PARA, 68);
+CG_OFFSET(ENC_ROI_PARA, regions, 8);
+CG_OFFSET(ENC_ROI_PARA, reserved, 56);
+
+// Sizes of the settings records whose content this camera does not keep:
+// answered as zeroed records of these sizes.
+constexpr int TK_CAMERA_PARA_SIZE = 228;         // 0x30033, count-prefixed
+constexpr int TK_VIDEO_DETECT_PARA_SIZE = 2284;  // 0x30070, count-prefixed
+constexpr int TK_ALARM_DETECT_PARA_SIZE = 740;   // 0x30073, count-prefixed, one per alarm input
+constexpr int TK_EXCEPTION_PARA_SIZE = 64;       // 0x30076, no count
+constexpr int TK_ALARMOUT_MODE_SIZE = 4;         // 0x30080, count-prefixed
+constexpr int TK_REMOTE_INFO_SIZE = 128;         // 0x70009, no count; first byte 2
+
+// A recording found by a search (0x50001 answers a count and these).
+struct CG_PACKED REC_FILE_INFO {
+    TK_U8 channel;
+    TK_U8 lock;
+    TK_U8 type;  // 3: a recording
+    TK_U8 reserved1;
+    TK_SYS_TIME start_time;
+    TK_SYS_TIME end_time;
+    TK_U32 file_id;
+    TK_U32 size;  // bytes
+};
+CG_SIZE(REC_FILE_INFO, 28);
+CG_OFFSET(REC_FILE_INFO, start_time, 4);
+CG_OFFSET(REC_FILE_INFO, end_time, 12);
+CG_OFFSET(REC_FILE_INFO, file_id, 20);
+CG_OFFSET(REC_FILE_INFO, size, 24);
+
+// A snapshot found by a search (0x50009 answers a count and these).
+struct CG_PACKED JPG_FILE_INFO {
+    TK_U8 channel;
+    TK_U8 lock;
+    TK_U8 type;  // 1: a snapshot
+    TK_U8 reserved1;
+    TK_SYS_TIME time;
+    TK_U32 file_id;
+    TK_U32 size;  // bytes
+};
+CG_SIZE(JPG_FILE_INFO, 20);
+CG_OFFSET(JPG_FILE_INFO, time, 4);
+CG_OFFSET(JPG_FILE_INFO, file_id, 12);
+CG_OFFSET(JPG_FILE_INFO, size, 16);
+
+// Payload of the searches 0x50001 and 0x50009: the time range.
+struct CG_PACKED TK_SEARCH_REQ {
+    TK_SYS_TIME start_time;
+    TK_SYS_TIME end_time;
+};
+CG_SIZE(TK_SEARCH_REQ, 16);

@@ -81,7 +81,7 @@ TEST(Client, LoginRequestsHeartbeatAndLogout)
     EXPECT_EQ(info.device.serial_no, "");
 
     s.heartbeat();
-    auto reply = s.request(TK_CMD_GET_TIME, std::vector<uint8_t>{1, 2, 3});
+    auto reply = s.request(0x30000, std::vector<uint8_t>{1, 2, 3});  // no such command
     EXPECT_EQ(reply.result, -4);
     EXPECT_FALSE(reply.ok());
     EXPECT_TRUE(reply.body.empty());

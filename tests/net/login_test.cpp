@@ -176,10 +176,10 @@ TEST_F(Login, OversizedControlPayloadEndsTheConnection)
     ASSERT_EQ(read_reply(fd.get()).head.cmd, 0);
     // A payload of exactly the work buffer is read and answered; one byte more ends the connection.
     std::vector<uint8_t> payload(8192, 0x5A);
-    ASSERT_TRUE(cgtest::send_message(fd.get(), 0x30090, payload.data(), payload.size()));
+    ASSERT_TRUE(cgtest::send_message(fd.get(), 0x30000, payload.data(), payload.size()));
     EXPECT_EQ(read_reply(fd.get()).head.cmd, -4);
     payload.push_back(0);
-    ASSERT_TRUE(cgtest::send_message(fd.get(), 0x30090, payload.data(), payload.size()));
+    ASSERT_TRUE(cgtest::send_message(fd.get(), 0x30000, payload.data(), payload.size()));
     std::vector<uint8_t> got;
     EXPECT_TRUE(cgtest::wait_peer_closed(fd.get(), 3000, &got));
     EXPECT_TRUE(got.empty());

@@ -4,7 +4,18 @@
 
 namespace cgtest {
 
-Camera::Camera(CameraOptions opt) : opt_(std::move(opt)), sim_(std::make_unique<sysd::SysServerSim>())
+namespace {
+
+sysd::Options sim_options(const CameraOptions &opt)
+{
+    sysd::Options o;
+    o.state_file = opt.sysd_state_file;
+    return o;
+}
+
+}  // namespace
+
+Camera::Camera(CameraOptions opt) : opt_(std::move(opt)), sim_(std::make_unique<sysd::SysServerSim>(sim_options(opt_)))
 {
     port_ = opt_.port > 0 ? opt_.port : free_port_tcp_and_udp();
     env_.shm_key = unique_ipc_key();

@@ -44,6 +44,7 @@ struct CameraOptions {
     bool create_cache = true;                            // create the frame cache with the layout below
     shm_cache_info_t cache{1, {256}, 1, {64}, 1, {16}};  // one video, one snapshot, one audio cache
     std::map<std::string, std::string> extra_env;        // more variables for the daemon
+    std::string sysd_state_file;                         // the simulator's state file ("" for none)
 };
 
 class Camera {

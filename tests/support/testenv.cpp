@@ -183,6 +183,7 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
             dup2(in, 0);
             close(in);
         }
+        signal(SIGPIPE, SIG_DFL);  // the test program ignores it; the program gets its own default
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }

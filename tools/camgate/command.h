@@ -28,5 +28,48 @@ const std::vector<Command> &commands();
 Command login_command();
 Command session_command();
 
+// Settings and device control; each group's commands live in one source file.
+// time_cmd.cpp
+Command time_get_command();
+Command time_set_command();
+Command datefmt_get_command();
+Command datefmt_set_command();
+// net_cmd.cpp
+Command net_get_command();
+Command net_set_command();
+Command net_reset_command();
+Command ntp_get_command();
+Command ntp_set_command();
+Command email_get_command();
+Command email_set_command();
+Command ftp_get_command();
+Command ftp_set_command();
+Command ddns_get_command();
+Command ddns_set_command();
+// osd_cmd.cpp
+Command osd_get_command();
+Command osd_set_command();
+// ptz_cmd.cpp
+Command ptz_command();
+Command ptzcfg_get_command();
+Command ptzcfg_set_command();
+// users_cmd.cpp
+Command users_list_command();
+Command users_add_command();
+Command users_del_command();
+Command users_modify_command();
+Command users_passwd_command();
+// storage_cmd.cpp
+Command schedule_get_command();
+Command schedule_set_command();
+Command overwrite_get_command();
+Command overwrite_set_command();
+Command disk_command();
+Command events_command();
+Command snapshot_command();
+// device_cmd.cpp
+Command reboot_command();
+Command raw_command();
+
 }  // namespace tool
 }  // namespace camgate

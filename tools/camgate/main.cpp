@@ -1,6 +1,6 @@
 // camgate: the command-line client of the camera's client protocol.
 //
-//   camgate COMMAND [options]      run a command
+//   camgate COMMAND [options]      run a command (one word, or two: "net set")
 //   camgate COMMAND --help         its options
 //   camgate --help                 the commands
 //
@@ -50,15 +50,47 @@ int main(int argc, char **argv)
         tool_help(std::cout);
         return 0;
     }
+    // A command is named by one word ("login") or two ("net set").
     const Command *cmd = nullptr;
+    int words = 1;
+    const std::string two = argc >= 3 ? name + " " + argv[2] : "";
     for (const Command &c : commands()) {
-        if (name == c.name) cmd = &c;
+        if (!two.empty() && two == c.name) {
+            cmd = &c;
+            words = 2;
+        }
+    }
+    for (const Command &c : commands()) {
+        if (cmd == nullptr && name == c.name) cmd = &c;
     }
     if (cmd == nullptr) {
-        std::cerr << "camgate: unknown command \"" << name << "\"; see camgate --help" << std::endl;
+        std::string choices;
+        std::vector<const Command *> group;
+        for (const Command &c : commands()) {
+            const std::string n = c.name;
+            if (n.compare(0, name.size() + 1, name + " ") == 0) {
+                choices += (choices.empty() ? "" : ", ") + n.substr(name.size() + 1);
+                group.push_back(&c);
+            }
+        }
+        const bool help = argc >= 3 && (std::string(argv[2]) == "--help" || std::string(argv[2]) == "-h");
+        if (!group.empty() && help) {
+            size_t width = 0;
+            for (const Command *c : group) width = std::max(width, std::string(c->name).size());
+            for (const Command *c : group)
+                std::cout << "  " << c->name << std::string(width - std::string(c->name).size() + 2, ' ') << c->summary
+                          << "\n";
+            std::cout << "\nsee camgate " << name << " " << group.front()->name + name.size() + 1 << " --help"
+                      << std::endl;
+            return 0;
+        }
+        if (!choices.empty())
+            std::cerr << "camgate " << name << ": say what to do: " << choices << "; see camgate --help" << std::endl;
+        else
+            std::cerr << "camgate: unknown command \"" << name << "\"; see camgate --help" << std::endl;
         return 2;
     }
-    const std::vector<std::string> args(argv + 2, argv + argc);
+    const std::vector<std::string> args(argv + 1 + words, argv + argc);
     for (const std::string &a : args) {
         if (a == "--help" || a == "-h") {
             command_help(*cmd, std::cout);

@@ -23,10 +23,18 @@ const OptionDef *find(const std::vector<OptionDef> &defs, const std::string &nam
 
 Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::string> &args)
 {
+    size_t positionals = 0;
+    for (const OptionDef &d : defs) positionals += d.name.empty() ? 1 : 0;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
-        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) throw UsageError("unexpected argument \"" + arg + "\"");
-        std::string name = arg.substr(2);
+        const bool is_long = arg.size() >= 3 && arg.compare(0, 2, "--") == 0;
+        const bool is_short = arg.size() == 2 && arg[0] == '-' && arg[1] != '-';
+        if (!is_long && !is_short) {
+            if (words_.size() >= positionals) throw UsageError("unexpected argument \"" + arg + "\"");
+            words_.push_back(arg);
+            continue;
+        }
+        std::string name = arg.substr(is_long ? 2 : 1);
         std::string value;
         bool inline_value = false;
         const size_t eq = name.find('=');
@@ -35,8 +43,9 @@ Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::stri
             name.resize(eq);
             inline_value = true;
         }
-        const OptionDef *def = find(defs, name);
-        if (def == nullptr) throw UsageError("unknown option --" + name);
+        const OptionDef *def = name.empty() ? nullptr : find(defs, name);
+        if (def == nullptr || (is_short && name.size() != 1))
+            throw UsageError("unknown option " + std::string(is_long ? "--" : "-") + name);
         if (def->value_name.empty()) {
             if (inline_value) throw UsageError("--" + name + " takes no value");
         } else if (!inline_value) {
@@ -112,7 +121,8 @@ std::string options_help(const std::vector<OptionDef> &defs)
     size_t width = 0;
     std::vector<std::string> left;
     for (const OptionDef &s : defs) {
-        left.push_back("--" + s.name + (s.value_name.empty() ? "" : " " + s.value_name));
+        const std::string dashes = s.name.empty() ? "" : s.name.size() == 1 ? "-" : "--";
+        left.push_back(dashes + s.name + (s.value_name.empty() || s.name.empty() ? "" : " ") + s.value_name);
         width = std::max(width, left.back().size());
     }
     std::string out;

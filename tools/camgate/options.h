@@ -15,8 +15,11 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// An option "--name VALUE" or a flag "--name"; a one-letter name is also
+// written "-n VALUE". An empty name declares a positional argument (in the
+// order declared), whose placeholder is value_name.
 struct OptionDef {
-    std::string name;        // without the dashes: "port"
+    std::string name;        // without the dashes: "port"; empty for a positional argument
     std::string value_name;  // "PORT"; empty for a flag
     std::string help;        // one line, with the default where there is one
 };
@@ -24,10 +27,13 @@ struct OptionDef {
 class Options {
   public:
     // Parse args against defs; throws UsageError for unknown options,
-    // missing values, values given to flags and stray arguments.
+    // missing values, values given to flags and arguments beyond the
+    // positional ones declared.
     Options(const std::vector<OptionDef> &defs, const std::vector<std::string> &args);
 
     bool has(const std::string &name) const { return values_.count(name) != 0; }
+    // The positional arguments given, in order.
+    const std::vector<std::string> &words() const { return words_; }
     std::string text(const std::string &name, const std::string &fallback) const;
     // A whole number in [min, max]; UsageError otherwise.
     long integer(const std::string &name, long fallback, long min, long max) const;
@@ -36,6 +42,7 @@ class Options {
 
   private:
     std::map<std::string, std::string> values_;
+    std::vector<std::string> words_;
 };
 
 // The options every command that talks to a camera takes.
