@@ -4,14 +4,14 @@
 #include <cerrno>
 
 #include "common/log.h"
+#include "media/preview.h"
 #include "net/edci_protocol.h"
 #include "net/net_comm.h"
 #include "net/netuser.h"
 
 int control_routine(int fd, char *buf, int session_id, USER_PRIVILEGE *priv, int auth_id)
 {
-    (void)priv;     // the rights gate comes with the settings commands
-    (void)auth_id;  // handed on by the active preview, playback and talk commands
+    (void)priv;  // the rights gate comes with the settings commands
     NEW_PACKET_HEADER head{};
     NEW_PACKET_HEADER reply{};
     for (;;) {
@@ -39,6 +39,12 @@ int control_routine(int fd, char *buf, int session_id, USER_PRIVILEGE *priv, int
             case TK_CMD_HEARTBEAT:
                 netuser_update_heartbeat(session_id);
                 new_tknvi_noload_ack(&reply, TK_OK);
+                break;
+            case TK_CMD_ACTIVE_PREVIEW:
+                // The camera connects out to the address in the request; the reply says whether it started.
+                new_tknvi_noload_ack(&reply, head.len >= sizeof(NEW_ACTIVE_PERVIEW_REQ)
+                                                 ? active_preview(fd, auth_id, buf)
+                                                 : TK_ERR_UNSUPPORTED);
                 break;
             case TK_CMD_LOGOUT:
                 new_tknvi_noload_ack(&reply, TK_OK);

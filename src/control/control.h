@@ -3,9 +3,11 @@
 //
 // Requests and replies are a NEW_PACKET_HEADER and its body. A reply's cmd is
 // the result code (0 success, negative failure), never the command echoed.
-// For now the loop knows the session commands only: heartbeat 0x20003
-// refreshes the session and is answered 0, logout 0x20002 is answered 0 and
-// ends the connection, and every other command is answered -4 (unsupported).
+// For now the loop knows the session commands and active preview only:
+// heartbeat 0x20003 refreshes the session and is answered 0, logout 0x20002
+// is answered 0 and ends the connection, active preview 0x40005 is answered
+// with the result of active_preview, and every other command is answered -4
+// (unsupported).
 #pragma once
 
 #include "common/tk_proto.h"
