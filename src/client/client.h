@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/tk_proto.h"
@@ -35,6 +36,7 @@ enum class ErrorKind {
     LoginRefused,       // the camera answered the login with an error code (code())
     Protocol,           // the camera sent something that is not this protocol
     Io,                 // any other socket failure
+    Refused,            // the camera answered a request with an error code (code()): a preview, say
 };
 
 class Error : public std::runtime_error {
@@ -44,7 +46,7 @@ class Error : public std::runtime_error {
     {
     }
     ErrorKind kind() const { return kind_; }
-    // The camera's result code for LoginRefused; 0 otherwise.
+    // The camera's result code for LoginRefused and Refused; 0 otherwise.
     int code() const { return code_; }
 
   private:
@@ -67,6 +69,8 @@ class Connection {
     Connection() = default;
     // Resolve host (name or dotted address, IPv4) and connect within timeout_ms.
     Connection(const std::string &host, int port, int timeout_ms);
+    // Take over a connected socket (one the camera opened towards us, say); peer names it in messages.
+    Connection(int fd, std::string peer, int timeout_ms) : fd_(fd), timeout_ms_(timeout_ms), peer_(std::move(peer)) {}
     ~Connection();
     Connection(Connection &&other) noexcept;
     Connection &operator=(Connection &&other) noexcept;
