@@ -7,8 +7,8 @@ namespace tool {
 const std::vector<Command> &commands()
 {
     static const std::vector<Command> table = {
-        login_command(),
-        session_command(),
+        login_command(),          session_command(),  preview_command(),
+        active_preview_command(), discover_command(), udp_preview_command(),
     };
     return table;
 }

@@ -25,8 +25,17 @@ Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::stri
 {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
-        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) throw UsageError("unexpected argument \"" + arg + "\"");
-        std::string name = arg.substr(2);
+        std::string name;
+        if (arg.size() == 2 && arg[0] == '-' && arg[1] != '-') {
+            for (const OptionDef &d : defs) {
+                if (d.short_name == arg[1]) name = d.name;
+            }
+            if (name.empty()) throw UsageError("unknown option " + arg);
+        } else if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+            throw UsageError("unexpected argument \"" + arg + "\"");
+        } else {
+            name = arg.substr(2);
+        }
         std::string value;
         bool inline_value = false;
         const size_t eq = name.find('=');
@@ -112,7 +121,8 @@ std::string options_help(const std::vector<OptionDef> &defs)
     size_t width = 0;
     std::vector<std::string> left;
     for (const OptionDef &s : defs) {
-        left.push_back("--" + s.name + (s.value_name.empty() ? "" : " " + s.value_name));
+        left.push_back((s.short_name ? std::string("-") + s.short_name + ", " : std::string()) + "--" + s.name +
+                       (s.value_name.empty() ? "" : " " + s.value_name));
         width = std::max(width, left.back().size());
     }
     std::string out;
