@@ -353,16 +353,23 @@ UdpPreview::UdpPreview(const std::string &host, int port, const PreviewRequest &
     if (answer.size() < sizeof head + sizeof session_id_)
         throw Error(ErrorKind::Protocol, "the camera " + peer_ + " answered without a session id");
     std::memcpy(&session_id_, answer.data() + sizeof head, sizeof session_id_);
+    ctl_fd_ = udp_socket();
+    if (connect(ctl_fd_, reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0) {
+        ::close(ctl_fd_);
+        throw Error(ErrorKind::Io, "cannot address " + peer_ + ": " + std::strerror(errno));
+    }
     fd.release();
 }
 
 UdpPreview::~UdpPreview()
 {
     if (fd_ >= 0) ::close(fd_);
+    if (ctl_fd_ >= 0) ::close(ctl_fd_);
 }
 
 UdpPreview::UdpPreview(UdpPreview &&other) noexcept
     : fd_(std::exchange(other.fd_, -1)),
+      ctl_fd_(std::exchange(other.ctl_fd_, -1)),
       peer_(std::move(other.peer_)),
       peer_addr_(other.peer_addr_),
       peer_port_(other.peer_port_),
@@ -384,11 +391,7 @@ void UdpPreview::heartbeat()
         NEW_PACKET_HEADER head;
         TK_S32 id;
     } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, sizeof(TK_S32)}, session_id_};
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = peer_addr_;
-    to.sin_port = peer_port_;
-    if (sendto(fd_, &msg, sizeof msg, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&to), sizeof to) < 0)
+    if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
         throw Error(ErrorKind::Io, "cannot send a heartbeat to " + peer_ + ": " + std::strerror(errno));
 }
 
@@ -406,18 +409,24 @@ int UdpPreview::stop()
         NEW_PACKET_HEADER head;
         TK_S32 id;
     } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, sizeof(TK_S32)}, session_id_};
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = peer_addr_;
-    to.sin_port = peer_port_;
-    if (sendto(fd_, &msg, sizeof msg, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&to), sizeof to) < 0)
+    if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
         throw Error(ErrorKind::Io, "cannot send the stop to " + peer_ + ": " + std::strerror(errno));
-    std::vector<uint8_t> answer;
-    if (!pump(now_ms() + timeout_ms_, &answer))
-        throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
-    NEW_PACKET_HEADER head;
-    std::memcpy(&head, answer.data(), sizeof head);
-    return head.cmd;
+    const int64_t deadline = now_ms() + timeout_ms_;
+    for (;;) {
+        pollfd p{ctl_fd_, POLLIN, 0};
+        const int r = poll(&p, 1, ms_until(deadline));
+        if (r == 0) throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
+        }
+        NEW_PACKET_HEADER head;
+        const ssize_t n = ::recv(ctl_fd_, &head, sizeof head, MSG_DONTWAIT);
+        if (n < 0 && errno == ECONNREFUSED)
+            throw Error(ErrorKind::ConnectionRefused,
+                        "the camera " + peer_ + " refused the stop: is the daemon running?");
+        if (n == static_cast<ssize_t>(sizeof head) && head.magic == TK_PROTO_MAGIC) return head.cmd;
+    }
 }
 
 bool UdpPreview::pump(int64_t deadline_ms, std::vector<uint8_t> *answer)

@@ -170,7 +170,8 @@ class UdpPreview {
     UdpPreview &operator=(const UdpPreview &) = delete;
 
     int32_t session_id() const { return session_id_; }
-    // Keep the session alive (0x40003; the camera does not answer).
+    // Keep the session alive (0x40003; the camera does not answer). Sent,
+    // like the stop, from a socket of its own: the stream floods this one.
     void heartbeat();
     // The next frame within timeout_ms; false on time-out.
     bool next(UdpFrame &frame, int timeout_ms);
@@ -192,7 +193,8 @@ class UdpPreview {
     void on_chunk(uint32_t index, const uint8_t *data, size_t len);
     void finish_frame(bool whole);
 
-    int fd_ = -1;
+    int fd_ = -1;       // the request, its answer and the stream
+    int ctl_fd_ = -1;   // heartbeats, the stop and its answer
     std::string peer_;  // the camera's client port, "address:port"
     uint32_t peer_addr_ = 0;
     uint16_t peer_port_ = 0;
