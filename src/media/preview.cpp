@@ -180,14 +180,16 @@ int preview_audio_header(char *out, int length)
 
 long preview_pacing_delay(preview_pacing *p, int fps, const timeval &now)
 {
+    // The rate comes from the shared cache: in 64 bits so that no value overflows.
+    const long long rate = fps > 0 ? fps : 25;
     long wanted;
     if (!p->sent) {
-        p->max_delay = 1000000L / fps;
+        p->max_delay = static_cast<long>(1000000LL / rate);
         wanted = p->max_delay / 2;
         p->sent = true;
     } else {
         const long elapsed = (now.tv_sec - p->last_send.tv_sec) * 1000000L + (now.tv_usec - p->last_send.tv_usec);
-        wanted = 1000000L / (fps + 2) - elapsed;
+        wanted = static_cast<long>(1000000LL / (rate + 2)) - elapsed;
         if (wanted < 0) wanted = 1000;
     }
     p->last_send = now;

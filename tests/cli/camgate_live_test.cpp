@@ -99,7 +99,7 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
     EXPECT_EQ(json_number(summary, "width"), 640) << summary;
     EXPECT_EQ(json_number(summary, "height"), 360);
     EXPECT_EQ(json_number(summary, "framerate"), 25);
-    EXPECT_GE(json_number(summary, "frames"), 110);
+    EXPECT_GE(json_number(summary, "frames"), 90);  // 125 at 25 fps; a loaded machine may lose a few
     EXPECT_GE(json_number(summary, "i_frames"), 4);
     EXPECT_GE(json_number(summary, "first_frame_ms"), 0);
     EXPECT_LT(json_number(summary, "first_frame_ms"), 1000);

@@ -12,6 +12,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -97,6 +98,11 @@ TEST(LiveFraming, PacingAimsTwoFramesAboveTheRateAndNeverWaitsLongerThanAFrame)
     preview_pacing fast;
     EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0)), 5000);
     EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0 + 2000)), 1000000 / 102 - 2000);
+
+    // Any rate the cache may hold is paced without an overflow (the sanitizer build checks).
+    preview_pacing absurd;
+    EXPECT_EQ(preview_pacing_delay(&absurd, INT_MAX, at_us(t0)), 0);
+    EXPECT_EQ(preview_pacing_delay(&absurd, INT_MAX, at_us(t0 + 1)), 0);
 }
 
 TEST(LiveFraming, InterfaceLookupGivesTheMacAndAnAddressMadeOfItsLastFourBytes)
