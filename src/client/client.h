@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/tk_proto.h"
@@ -35,7 +36,7 @@ enum class ErrorKind {
     LoginRefused,       // the camera answered the login with an error code (code())
     Protocol,           // the camera sent something that is not this protocol
     Io,                 // any other socket failure
-    Refused,            // a control command answered with a negative result (code())
+    Refused,            // the camera answered a request with an error code (code()): a control command, a preview
 };
 
 class Error : public std::runtime_error {
@@ -68,6 +69,8 @@ class Connection {
     Connection() = default;
     // Resolve host (name or dotted address, IPv4) and connect within timeout_ms.
     Connection(const std::string &host, int port, int timeout_ms);
+    // Take over a connected socket (one the camera opened towards us, say); peer names it in messages.
+    Connection(int fd, std::string peer, int timeout_ms) : fd_(fd), timeout_ms_(timeout_ms), peer_(std::move(peer)) {}
     ~Connection();
     Connection(Connection &&other) noexcept;
     Connection &operator=(Connection &&other) noexcept;

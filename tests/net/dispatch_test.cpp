@@ -102,7 +102,7 @@ TEST_F(Dispatch, FirstMessagesWithoutServiceCloseWithoutReply)
     } cases[] = {
         {TK_CMD_GET_TIME, -4},     {TK_CMD_HEARTBEAT, -4},   {0, -4},
         {TK_CMD_UPGRADE_FIRST, 0}, {TK_CMD_UPLOAD_FIRST, 0}, {TK_CMD_TALK_START, 0},
-        {TK_CMD_PREVIEW_START, 0}, {TK_CMD_START_PLAY, 0},
+        {TK_CMD_START_PLAY, 0},
     };
     for (const auto &c : cases) {
         Outcome out = serve(header(c.cmd));
@@ -119,6 +119,11 @@ TEST_F(Dispatch, ShortHeaderIsAnIoError)
     EXPECT_TRUE(out.reply.empty());
     out = serve(std::string("QVRM\x01\x00\x02", 7), true);
     EXPECT_EQ(out.result, -7);
+    // A preview request cut short: no session, no reply.
+    out = serve(header(TK_CMD_PREVIEW_START, sizeof(NEW_PP_PERVIEW_REQ)) + std::string(8, '\0'), true);
+    EXPECT_EQ(out.result, -7);
+    EXPECT_TRUE(out.closed);
+    EXPECT_TRUE(out.reply.empty());
 }
 
 TEST_F(Dispatch, ProtocolOutOfServiceRefusesEvenAGoodLogin)

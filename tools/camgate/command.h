@@ -27,6 +27,10 @@ const std::vector<Command> &commands();
 // The commands, one per source file.
 Command login_command();
 Command session_command();
+Command preview_command();
+Command active_preview_command();
+Command discover_command();
+Command udp_preview_command();
 
 // Settings and device control; each group's commands live in one source file.
 // time_cmd.cpp

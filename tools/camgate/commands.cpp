@@ -16,6 +16,7 @@ const std::vector<Command> &commands()
         users_del_command(),    users_modify_command(),  users_passwd_command(),  schedule_get_command(),
         schedule_set_command(), overwrite_get_command(), overwrite_set_command(), disk_command(),
         events_command(),       snapshot_command(),      reboot_command(),        raw_command(),
+        preview_command(),      active_preview_command(), discover_command(),   udp_preview_command(),
     };
     return table;
 }

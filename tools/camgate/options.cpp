@@ -35,6 +35,15 @@ Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::stri
             continue;
         }
         std::string name = arg.substr(is_long ? 2 : 1);
+        bool by_short_name = false;
+        if (is_short) {
+            for (const OptionDef &d : defs) {
+                if (d.short_name != 0 && d.short_name == arg[1]) {
+                    name = d.name;
+                    by_short_name = true;
+                }
+            }
+        }
         std::string value;
         bool inline_value = false;
         const size_t eq = name.find('=');
@@ -44,7 +53,7 @@ Options::Options(const std::vector<OptionDef> &defs, const std::vector<std::stri
             inline_value = true;
         }
         const OptionDef *def = name.empty() ? nullptr : find(defs, name);
-        if (def == nullptr || (is_short && name.size() != 1))
+        if (def == nullptr || (is_short && !by_short_name && name.size() != 1))
             throw UsageError("unknown option " + std::string(is_long ? "--" : "-") + name);
         if (def->value_name.empty()) {
             if (inline_value) throw UsageError("--" + name + " takes no value");
@@ -122,7 +131,9 @@ std::string options_help(const std::vector<OptionDef> &defs)
     std::vector<std::string> left;
     for (const OptionDef &s : defs) {
         const std::string dashes = s.name.empty() ? "" : s.name.size() == 1 ? "-" : "--";
-        left.push_back(dashes + s.name + (s.value_name.empty() || s.name.empty() ? "" : " ") + s.value_name);
+        const std::string short_form = s.short_name ? std::string("-") + s.short_name + ", " : std::string();
+        left.push_back(short_form + dashes + s.name + (s.value_name.empty() || s.name.empty() ? "" : " ") +
+                       s.value_name);
         width = std::max(width, left.back().size());
     }
     std::string out;

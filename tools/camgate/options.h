@@ -1,5 +1,6 @@
-// Command-line options of the camgate tool: "--name value", "--name=value"
-// and flags, checked against the options a command declares.
+// Command-line options of the camgate tool: "--name value", "--name=value",
+// "-x value" for an option with a short name, and flags, checked against the
+// options a command declares.
 #pragma once
 
 #include <map>
@@ -22,6 +23,7 @@ struct OptionDef {
     std::string name;        // without the dashes: "port"; empty for a positional argument
     std::string value_name;  // "PORT"; empty for a flag
     std::string help;        // one line, with the default where there is one
+    char short_name = 0;     // 'o' for "-o"; 0: none
 };
 
 class Options {

@@ -1,0 +1,367 @@
+// The client library's live-media readers against scripted cameras: the
+// stream parser, the key-frame reassembly of a UDP preview, the collection
+// of search answers, and the listener of an active preview.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "client/media.h"
+#include "support/sockets.h"
+#include "support/testenv.h"
+
+using camgate::client::Connection;
+using camgate::client::Error;
+using camgate::client::ErrorKind;
+using camgate::client::MediaFrame;
+
+namespace {
+
+template <class T>
+void append(std::vector<uint8_t> &out, const T &rec)
+{
+    const auto *b = reinterpret_cast<const uint8_t *>(&rec);
+    out.insert(out.end(), b, b + sizeof rec);
+}
+
+// Feed bytes to a fresh stream; the error kind read_frame ends with (-1: a frame was read).
+int parse(const std::vector<uint8_t> &wire, MediaFrame *frame = nullptr)
+{
+    cgtest::TcpPair pair = cgtest::tcp_pair();
+    if (!wire.empty()) {
+        EXPECT_EQ(send(pair.server.get(), wire.data(), wire.size(), 0), static_cast<ssize_t>(wire.size()));
+    }
+    pair.server.reset();
+    Connection conn(pair.client.release(), "camera", 1000);
+    MediaFrame f;
+    try {
+        camgate::client::read_frame(conn, frame ? *frame : f);
+    } catch (const Error &e) {
+        return static_cast<int>(e.kind());
+    }
+    return -1;
+}
+
+cgtest::Fd udp_bound(int port = 0, bool shared = false)
+{
+    cgtest::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int one = 1;
+    if (shared) {
+        setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
+    }
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(shared ? INADDR_ANY : INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    return fd;
+}
+
+int port_of(int fd)
+{
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+bool recv_from(int fd, std::vector<uint8_t> *out, sockaddr_in *from, int timeout_ms = 3000)
+{
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) != 1) return false;
+    out->resize(2048);
+    socklen_t len = sizeof *from;
+    const ssize_t n = recvfrom(fd, out->data(), out->size(), 0, reinterpret_cast<sockaddr *>(from), &len);
+    if (n < 0) return false;
+    out->resize(static_cast<size_t>(n));
+    return true;
+}
+
+void send_chunk(int fd, const sockaddr_in &to, uint32_t index, const std::vector<uint8_t> &frame, size_t off,
+                size_t len)
+{
+    std::vector<uint8_t> d;
+    TK_UDP_CHUNK_HDR h{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_DATA, static_cast<TK_U32>(len + 4)}, index};
+    append(d, h);
+    d.insert(d.end(), frame.begin() + static_cast<long>(off), frame.begin() + static_cast<long>(off + len));
+    ASSERT_EQ(sendto(fd, d.data(), d.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
+              static_cast<ssize_t>(d.size()));
+}
+
+std::vector<uint8_t> frame_of(size_t n, uint8_t seed)
+{
+    std::vector<uint8_t> f(n);
+    for (size_t i = 0; i < n; ++i) f[i] = static_cast<uint8_t>(seed + i * 31);
+    return f;
+}
+
+}  // namespace
+
+TEST(ClientStream, ReadsTheFramingAndRejectsWhatNoCameraSends)
+{
+    // An I-frame with its description, then a P-frame and an audio frame on one stream.
+    std::vector<uint8_t> wire;
+    append(wire, FRAME_HDR{{0, 0, 1}, TK_FRAME_VIDEO_I});
+    IFRAME_INFO i{};
+    i.framerate = 25;
+    i.pts_msec = 4242;
+    i.pic_width = 640;
+    i.pic_height = 360;
+    i.rtc_time = {3600000, 7, 5, 2024};
+    i.length = 5;
+    append(wire, i);
+    for (uint8_t b : {0, 0, 0, 1, 0x65}) wire.push_back(b);
+    MediaFrame f;
+    ASSERT_EQ(parse(wire, &f), -1);
+    EXPECT_EQ(f.kind, MediaFrame::Kind::VideoI);
+    EXPECT_EQ(f.framerate, 25u);
+    EXPECT_EQ(f.pts_msec, 4242);
+    EXPECT_EQ(f.width, 640u);
+    EXPECT_EQ(f.height, 360u);
+    EXPECT_EQ(f.rtc_time.tm_year, 2024);
+    EXPECT_EQ(f.data, (std::vector<uint8_t>{0, 0, 0, 1, 0x65}));
+
+    std::vector<uint8_t> audio;
+    append(audio, FRAME_HDR{{0, 0, 1}, TK_FRAME_AUDIO});
+    append(audio, AFRAME_INFO{1, 0, 1, 0, 3});
+    for (uint8_t b : {0xFF, 0x7F, 0x00}) audio.push_back(b);
+    ASSERT_EQ(parse(audio, &f), -1);
+    EXPECT_FALSE(f.video());
+    EXPECT_EQ(f.audio.enc_type, 1);
+    EXPECT_EQ(f.data.size(), 3u);
+
+    const int protocol = static_cast<int>(ErrorKind::Protocol);
+    std::vector<uint8_t> bad;
+    append(bad, FRAME_HDR{{0, 1, 1}, TK_FRAME_VIDEO_P});  // sync lost
+    EXPECT_EQ(parse(bad), protocol);
+    bad.clear();
+    append(bad, FRAME_HDR{{0, 0, 1}, 0x42});  // unknown type
+    EXPECT_EQ(parse(bad), protocol);
+    bad.clear();
+    append(bad, FRAME_HDR{{0, 0, 1}, TK_FRAME_OTHER});  // no length on the wire
+    EXPECT_EQ(parse(bad), protocol);
+    bad.clear();
+    append(bad, FRAME_HDR{{0, 0, 1}, TK_FRAME_VIDEO_P});
+    append(bad, PFRAME_INFO{0, 0, 3145729});  // beyond the camera's 3 MB buffer
+    EXPECT_EQ(parse(bad), protocol);
+    bad.clear();
+    append(bad, FRAME_HDR{{0, 0, 1}, TK_FRAME_AUDIO});
+    append(bad, AFRAME_INFO{1, 0, 1, 0, 524289});  // beyond its 512 KB audio buffer
+    EXPECT_EQ(parse(bad), protocol);
+    // Cut in the middle of a frame: the camera closed the connection.
+    wire.resize(wire.size() - 2);
+    EXPECT_EQ(parse(wire), static_cast<int>(ErrorKind::Closed));
+}
+
+TEST(ClientUdpPreview, PutsKeyFramesTogetherFromTheirChunks)
+{
+    cgtest::Fd camera = udp_bound();    // the camera's client port
+    cgtest::Fd streamer = udp_bound();  // its streaming socket
+    const std::vector<uint8_t> a = frame_of(2500, 1), b = frame_of(3000, 2), c = frame_of(2048, 3),
+                               d = frame_of(100, 4);
+    std::vector<uint8_t> heard_beat, heard_stop;
+    std::thread fake([&] {
+        std::vector<uint8_t> req;
+        sockaddr_in viewer{};
+        ASSERT_TRUE(recv_from(camera.get(), &req, &viewer));
+        NEW_PACKET_HEADER h;
+        NEW_PP_PERVIEW_REQ r;
+        ASSERT_EQ(req.size(), sizeof h + sizeof r);
+        std::memcpy(&h, req.data(), sizeof h);
+        std::memcpy(&r, req.data() + sizeof h, sizeof r);
+        EXPECT_EQ(h.cmd, TK_CMD_PREVIEW_START);
+        EXPECT_EQ(r.auth_id, 0x01020304u);
+        EXPECT_EQ(r.protocol, static_cast<TK_U32>(PROTOCOL_TYPE_UDP));
+        EXPECT_EQ(r.stream_index, 1u);
+        // The stream may overtake the answer.
+        send_chunk(streamer.get(), viewer, 0, a, 0, 1024);
+        std::vector<uint8_t> answer;
+        append(answer, NEW_PACKET_HEADER{TK_PROTO_MAGIC, 0, 4});
+        append(answer, static_cast<int32_t>(0x10ABCDEF));
+        sendto(camera.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&viewer), sizeof viewer);
+        send_chunk(streamer.get(), viewer, 1, a, 1024, 1024);
+        send_chunk(streamer.get(), viewer, 2, a, 2048, 452);  // a: whole
+        send_chunk(streamer.get(), viewer, 0, b, 0, 1024);
+        send_chunk(streamer.get(), viewer, 2, b, 2048, 952);  // b: chunk 1 lost
+        send_chunk(streamer.get(), viewer, 3, c, 0, 1024);    // the tail of a frame never started
+        send_chunk(streamer.get(), viewer, 0, c, 0, 1024);
+        send_chunk(streamer.get(), viewer, 1, c, 1024, 1024);  // c: ends on a full chunk
+        send_chunk(streamer.get(), viewer, 0, d, 0, 100);      // d: whole
+        sockaddr_in from{};
+        ASSERT_TRUE(recv_from(camera.get(), &heard_beat, &from));
+        ASSERT_TRUE(recv_from(camera.get(), &heard_stop, &from));
+        std::vector<uint8_t> stopped;
+        append(stopped, NEW_PACKET_HEADER{TK_PROTO_MAGIC, 0, 0});
+        sendto(camera.get(), stopped.data(), stopped.size(), 0, reinterpret_cast<sockaddr *>(&from), sizeof from);
+    });
+
+    camgate::client::PreviewRequest req;
+    req.auth_id = 0x01020304;
+    req.stream_index = 1;
+    req.protocol = PROTOCOL_TYPE_UDP;
+    camgate::client::UdpPreview udp("127.0.0.1", port_of(camera.get()), req, 3000);
+    EXPECT_EQ(udp.session_id(), 0x10ABCDEF);
+    camgate::client::UdpFrame f;
+    ASSERT_TRUE(udp.next(f, 3000));
+    EXPECT_TRUE(f.whole);
+    EXPECT_EQ(f.chunks, 3);
+    EXPECT_EQ(f.data, a);
+    ASSERT_TRUE(udp.next(f, 3000));
+    EXPECT_FALSE(f.whole);
+    ASSERT_TRUE(udp.next(f, 3000));
+    EXPECT_FALSE(f.whole) << "a frame ending on a full chunk cannot be told from a cut one";
+    ASSERT_TRUE(udp.next(f, 3000));
+    EXPECT_TRUE(f.whole);
+    EXPECT_EQ(f.data, d);
+    EXPECT_FALSE(udp.next(f, 100));
+    EXPECT_EQ(udp.stats().datagrams, 9);
+    EXPECT_EQ(udp.stats().whole, 2);
+    EXPECT_EQ(udp.stats().cut, 2);
+
+    udp.heartbeat();
+    EXPECT_EQ(udp.stop(), 0);
+    fake.join();
+    std::vector<uint8_t> want_beat, want_stop;
+    append(want_beat, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, 4});
+    append(want_beat, static_cast<int32_t>(0x10ABCDEF));
+    append(want_stop, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, 4});
+    append(want_stop, static_cast<int32_t>(0x10ABCDEF));
+    EXPECT_EQ(heard_beat, want_beat);
+    EXPECT_EQ(heard_stop, want_stop);
+
+    // A refusal carries the camera's code.
+    std::thread refuse([&] {
+        std::vector<uint8_t> req_bytes, answer;
+        sockaddr_in viewer{};
+        ASSERT_TRUE(recv_from(camera.get(), &req_bytes, &viewer));
+        append(answer, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_ERR_RIGHT, 0});
+        sendto(camera.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&viewer), sizeof viewer);
+    });
+    try {
+        camgate::client::UdpPreview refused("127.0.0.1", port_of(camera.get()), req, 3000);
+        ADD_FAILURE() << "accepted";
+    } catch (const Error &e) {
+        EXPECT_EQ(e.kind(), ErrorKind::Refused);
+        EXPECT_EQ(e.code(), TK_ERR_RIGHT);
+    }
+    refuse.join();
+}
+
+TEST(ClientDiscover, CollectsEachCameraOnceUntilTheTimeOut)
+{
+    const int port = cgtest::free_port_tcp_and_udp();
+    // Two cameras on the discovery port; the first answers twice.
+    cgtest::Fd cam1 = udp_bound(port, true), cam2 = udp_bound(port, true);
+    auto answer = [&](int fd, const char *serial, const char *ip, int times) {
+        std::vector<uint8_t> d;
+        sockaddr_in from{};
+        while (recv_from(fd, &d, &from)) {
+            NEW_PACKET_HEADER h;
+            if (d.size() != sizeof h) continue;
+            std::memcpy(&h, d.data(), sizeof h);
+            if (h.cmd == TK_CMD_SEARCH_DEVICE) break;
+        }
+        std::vector<uint8_t> reply;
+        append(reply, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_CMD_SEARCH_DEVICE_ACK, sizeof(TK_SEARCH_REPLY)});
+        TK_SEARCH_REPLY r{};
+        wire_set_str(r.dev_info.serial_no, serial);
+        r.dev_info.version = 105;
+        wire_set_str(r.dev_info.release_date, "2013-05-12 00:00:00");
+        wire_set_str(r.net.eths[0].ipaddr.ipv4, ip);
+        wire_set_str(r.net.eths[0].mac_addr, "00:11:22:33:44:55");
+        r.net.tcp_port = 6258;
+        r.net.web_port = 80;
+        append(reply, r);
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(static_cast<uint16_t>(port));
+        inet_pton(AF_INET, "127.255.255.255", &to.sin_addr);
+        for (int i = 0; i < times; ++i)
+            sendto(fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    };
+    std::thread t1([&] { answer(cam1.get(), "CAM-1", "10.0.0.1", 2); });
+    std::thread t2([&] { answer(cam2.get(), "CAM-2", "10.0.0.2", 1); });
+
+    camgate::client::DiscoverOptions opt;
+    opt.port = port;
+    opt.timeout_ms = 500;
+    const int64_t t0 = cgtest::now_ms();
+    const auto found = camgate::client::discover(opt);
+    EXPECT_GE(cgtest::now_ms() - t0, 450);
+    t1.join();
+    t2.join();
+    ASSERT_EQ(found.size(), 2u);
+    const auto &first = found[0].device.serial_no == "CAM-1" ? found[0] : found[1];
+    const auto &second = found[0].device.serial_no == "CAM-1" ? found[1] : found[0];
+    EXPECT_EQ(first.ip, "10.0.0.1");
+    EXPECT_EQ(second.device.serial_no, "CAM-2");
+    EXPECT_EQ(first.mac, "00:11:22:33:44:55");
+    EXPECT_EQ(first.tcp_port, 6258u);
+    EXPECT_EQ(first.device.version, 105u);
+    EXPECT_EQ(first.device.release_date, "2013-05-12 00:00:00");
+    EXPECT_EQ(first.from, "127.0.0.1:" + std::to_string(port));
+}
+
+TEST(ClientActivePreview, AnswersTheCamerasRequestAndReadsItsStream)
+{
+    camgate::client::ActiveListener listener(0, "127.0.0.1");
+    ASSERT_GT(listener.port(), 0);
+
+    // Nobody connects: a time-out that says what to check.
+    try {
+        listener.accept(100);
+        ADD_FAILURE() << "accepted nothing";
+    } catch (const Error &e) {
+        EXPECT_EQ(e.kind(), ErrorKind::Timeout);
+    }
+
+    // A camera: its preview request, our 16-byte answer, then its frames.
+    std::vector<uint8_t> answer(16);
+    std::thread camera([&] {
+        cgtest::Fd fd = cgtest::connect_loopback(listener.port());
+        const NEW_PP_PERVIEW_REQ req{0x0300AAAA, PROTOCOL_TYPE_TCP, 0, 1};
+        ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_PREVIEW_START, &req, sizeof req));
+        ASSERT_TRUE(cgtest::recv_exact(fd.get(), answer.data(), answer.size()));
+        std::vector<uint8_t> frame;
+        append(frame, FRAME_HDR{{0, 0, 1}, TK_FRAME_VIDEO_P});
+        append(frame, PFRAME_INFO{7, 0, 2});
+        frame.push_back(0xAB);
+        frame.push_back(0xCD);
+        send(fd.get(), frame.data(), frame.size(), 0);
+        cgtest::wait_peer_closed(fd.get(), 3000);
+    });
+    camgate::client::PreviewStream stream = listener.accept(3000, 0x1234);
+    EXPECT_EQ(stream.camera_request().auth_id, 0x0300AAAAu);
+    EXPECT_EQ(stream.camera_request().stream_index, 1u);
+    MediaFrame f;
+    stream.next(f);
+    EXPECT_EQ(f.kind, MediaFrame::Kind::VideoP);
+    EXPECT_EQ(f.data, (std::vector<uint8_t>{0xAB, 0xCD}));
+    stream.connection().close();
+    camera.join();
+    std::vector<uint8_t> want;
+    append(want, NEW_PACKET_HEADER{TK_PROTO_MAGIC, 0, 4});
+    append(want, static_cast<int32_t>(0x1234));
+    EXPECT_EQ(answer, want);
+
+    // A peer that is no camera.
+    std::thread stranger([&] {
+        cgtest::Fd fd = cgtest::connect_loopback(listener.port());
+        cgtest::send_message(fd.get(), TK_CMD_LOGIN, "x", 1);
+        cgtest::wait_peer_closed(fd.get(), 3000);
+    });
+    try {
+        listener.accept(3000);
+        ADD_FAILURE() << "accepted a stranger";
+    } catch (const Error &e) {
+        EXPECT_EQ(e.kind(), ErrorKind::Protocol);
+    }
+    stranger.join();
+}

@@ -1,0 +1,232 @@
+// In-process tests of the live-media pieces whose effect is hard to see on
+// the wire: the frame headers, the pacing arithmetic of the video loop, the
+// interface lookup behind the search reply, and the UDP handler's answers
+// that depend on the session registry.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "media/preview.h"
+#include "media/shm_cache.h"
+#include "media/udp_preview.h"
+#include "net/netuser.h"
+#include "support/sockets.h"
+#include "support/testenv.h"
+#include "support/text.h"
+
+namespace {
+
+timeval at_us(long long us)
+{
+    return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+}
+
+}  // namespace
+
+TEST(LiveFraming, HeadersOfVideoAndAudioFrames)
+{
+    char h[PREVIEW_MAX_HEADER];
+    ASSERT_EQ(preview_video_header(h, CACHE_FRAME_TYPE_I, 300, 1920, 1080, 70.5, 123456), 24);
+    FRAME_HDR fh;
+    IFRAME_INFO i;
+    std::memcpy(&fh, h, 4);
+    std::memcpy(&i, h + 4, sizeof i);
+    EXPECT_EQ(fh.sync_code[0], 0);
+    EXPECT_EQ(fh.sync_code[1], 0);
+    EXPECT_EQ(fh.sync_code[2], 1);
+    EXPECT_EQ(fh.type, 0xF8);
+    EXPECT_EQ(i.enc_std, 0);
+    EXPECT_EQ(i.framerate, 300 & 0xFF);
+    EXPECT_EQ(i.pts_msec, 70500 - 65536);  // seconds x 1000, low 16 bits
+    EXPECT_EQ(i.pic_width, 1920);
+    EXPECT_EQ(i.pic_height, 1080);
+    EXPECT_EQ(i.length, 123456u);
+    EXPECT_GE(i.rtc_time.tm_year, 2024);
+    EXPECT_GE(i.rtc_time.tm_mon, 1);
+    EXPECT_LE(i.rtc_time.tm_mon, 12);
+    EXPECT_LT(i.rtc_time.tm_msec, 86400000u);
+
+    ASSERT_EQ(preview_video_header(h, CACHE_FRAME_TYPE_P, 25, 640, 360, 1.5, 777), 12);
+    PFRAME_INFO p;
+    std::memcpy(&p, h + 4, sizeof p);
+    EXPECT_EQ(static_cast<uint8_t>(h[3]), 0xF9);
+    EXPECT_EQ(p.pts_msec, 1500);
+    EXPECT_EQ(p.reserved, 0);
+    EXPECT_EQ(p.length, 777u);
+
+    // Any other video type: the bare 4-byte header, the data right after it.
+    EXPECT_EQ(preview_video_header(h, CACHE_FRAME_TYPE_B, 25, 640, 360, 1.5, 777), 4);
+    EXPECT_EQ(std::string(h, 4), std::string("\0\0\1\0", 4));
+
+    ASSERT_EQ(preview_audio_header(h, 320), 12);
+    const uint8_t audio[12] = {0, 0, 1, 0xFA, 1, 0, 1, 0, 0x40, 0x01, 0, 0};
+    EXPECT_EQ(std::memcmp(h, audio, sizeof audio), 0);
+
+    // Stamps that do not fit an unsigned number give 0 rather than anything undefined.
+    EXPECT_EQ(preview_pts_msec(-3.0), 0);
+    EXPECT_EQ(preview_pts_msec(std::nan("")), 0);
+    EXPECT_EQ(preview_pts_msec(1e300), 0);
+    EXPECT_EQ(preview_pts_msec(128.0), 128000 - 65536);
+}
+
+TEST(LiveFraming, PacingAimsTwoFramesAboveTheRateAndNeverWaitsLongerThanAFrame)
+{
+    preview_pacing p;
+    const long long t0 = 1700000000LL * 1000000;
+    EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0)), 20000);  // the first frame: half a frame period
+    EXPECT_EQ(p.max_delay, 40000);
+    EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 + 10000)), 1000000 / 27 - 10000);
+    EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 + 10000 + 50000)), 1000);  // late: 1 ms only
+    EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 + 60000 + 1000)), 1000000 / 27 - 1000);
+    // A clock set back: the wait is still bounded by one frame period.
+    EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 - 5000000)), 40000);
+
+    preview_pacing fast;
+    EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0)), 5000);
+    EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0 + 2000)), 1000000 / 102 - 2000);
+
+    // Any rate the cache may hold is paced without an overflow (the sanitizer build checks).
+    preview_pacing absurd;
+    EXPECT_EQ(preview_pacing_delay(&absurd, INT_MAX, at_us(t0)), 0);
+    EXPECT_EQ(preview_pacing_delay(&absurd, INT_MAX, at_us(t0 + 1)), 0);
+}
+
+TEST(LiveFraming, InterfaceLookupGivesTheMacAndAnAddressMadeOfItsLastFourBytes)
+{
+    char ip[16], mask[16], mac[18];
+    ASSERT_EQ(geteth_ip_mask_mac_br("lo", ip, mask, mac), 0);
+    EXPECT_STREQ(mac, "00:00:00:00:00:00");
+    EXPECT_STREQ(ip, "0.0.0.0");
+    EXPECT_STREQ(mask, "0.0.0.0");
+    EXPECT_EQ(geteth_ip_mask_mac_br(nullptr, ip, mask, mac), -1);
+    EXPECT_EQ(geteth_ip_mask_mac_br("no-such-if9", ip, mask, mac), -1);
+    EXPECT_EQ(geteth_ip_mask_mac_br("lo", nullptr, nullptr, nullptr), 0);
+
+    // An interface with a hardware address: the text in capitals, and the
+    // "address" built from its bytes 2 to 5.
+    DIR *dir = opendir("/sys/class/net");
+    ASSERT_NE(dir, nullptr);
+    std::string name, address;
+    while (dirent *e = readdir(dir)) {
+        std::ifstream in(std::string("/sys/class/net/") + e->d_name + "/address");
+        std::string a;
+        if (e->d_name[0] != '.' && in >> a && a.size() == 17 && a != "00:00:00:00:00:00") {
+            name = e->d_name;
+            address = a;
+            break;
+        }
+    }
+    closedir(dir);
+    if (name.empty()) GTEST_SKIP() << "no interface with a hardware address";
+    ASSERT_EQ(geteth_ip_mask_mac_br(name.c_str(), ip, mask, mac), 0);
+    for (char &c : address) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    EXPECT_EQ(std::string(mac), address);
+    unsigned b[6];
+    ASSERT_EQ(std::sscanf(address.c_str(), "%x:%x:%x:%x:%x:%x", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]), 6);
+    const std::string from_mac =
+        std::to_string(b[2]) + "." + std::to_string(b[3]) + "." + std::to_string(b[4]) + "." + std::to_string(b[5]);
+    EXPECT_EQ(std::string(ip), from_mac);
+    EXPECT_EQ(std::string(mask), from_mac);
+}
+
+TEST(UdpHandler, AnswersOnItsSocketIgnoresJunkAndRefusesARebootDuringAnUpgrade)
+{
+    ASSERT_EQ(netuser_init(), 0);
+    cgtest::TempDir dir;
+    const std::string log = dir.file("shell.log");
+    setenv("CAMGATE_SHELL_LOG", log.c_str(), 1);
+
+    // The daemon's socket and a client's, both on loopback.
+    auto bound = [] {
+        cgtest::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+        const timeval tv{0, 100000};
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        return fd;
+    };
+    cgtest::Fd daemon = bound(), client = bound();
+    sockaddr_in to{};
+    socklen_t len = sizeof to;
+    getsockname(daemon.get(), reinterpret_cast<sockaddr *>(&to), &len);
+    auto send_raw = [&](const void *p, size_t n) {
+        ASSERT_EQ(sendto(client.get(), p, n, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), static_cast<ssize_t>(n));
+    };
+    auto send_cmd = [&](int32_t cmd) {
+        const NEW_PACKET_HEADER h{TK_PROTO_MAGIC, cmd, 0};
+        send_raw(&h, sizeof h);
+    };
+    auto answer = [&](std::string *out) {
+        char buf[64];
+        const ssize_t n = recv(client.get(), buf, sizeof buf, 0);
+        if (n < 0) return false;
+        out->assign(buf, static_cast<size_t>(n));
+        return true;
+    };
+
+    // Nothing to read: -8, errno saying it was the time-out.
+    errno = 0;
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), -8);
+    EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
+
+    // An empty datagram is echoed empty; a short one, a wrong magic and an unknown command are dropped.
+    std::string got;
+    send_raw("", 0);
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    ASSERT_TRUE(answer(&got));
+    EXPECT_TRUE(got.empty());
+    send_raw("QVRM", 4);
+    const NEW_PACKET_HEADER wrong{0x5156524D, TK_CMD_PROBE, 0};  // "MRVQ"
+    send_raw(&wrong, sizeof wrong);
+    send_cmd(0x7777);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    EXPECT_FALSE(answer(&got));
+
+    // A reboot while an upgrade session exists does nothing; without one it runs "reboot".
+    cgtest::TcpPair pair = cgtest::tcp_pair();
+    const int upgrade = netuser_add_login_upgrade_session(1, "installer", pair.server.get());
+    ASSERT_GE(upgrade, 0);
+    send_cmd(TK_CMD_REMOTE_REBOOT);
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    EXPECT_FALSE(cgtest::has_line(cgtest::read_file(log), "reboot"));
+    ASSERT_EQ(netuser_remove_upgrade_session(upgrade), 0);
+    send_cmd(TK_CMD_REMOTE_REBOOT);
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    EXPECT_EQ(cgtest::read_file(log), "reboot\n");
+    EXPECT_FALSE(answer(&got));
+
+    // Stop and heartbeat of a session that is not a preview: -2 for the stop, silence for the heartbeat.
+    const int32_t not_preview = 0x01000000;
+    struct CG_PACKED {
+        NEW_PACKET_HEADER h;
+        int32_t id;
+    } stop{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, 4}, not_preview},
+        beat{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, 4}, 0};
+    send_raw(&stop, sizeof stop);
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    ASSERT_TRUE(answer(&got));
+    NEW_PACKET_HEADER h;
+    ASSERT_EQ(got.size(), sizeof h);
+    std::memcpy(&h, got.data(), sizeof h);
+    EXPECT_EQ(h.cmd, TK_ERR_SESSION);
+    send_raw(&beat, sizeof beat);
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    EXPECT_FALSE(answer(&got));
+    unsetenv("CAMGATE_SHELL_LOG");
+}

@@ -1,0 +1,36 @@
+// Frames that name themselves, for tests of the live streams: a test writes
+// them into the frame cache through the writer side and checks, frame by
+// frame, what a viewer received: which frame it is, and that every byte of it
+// arrived whole and in place.
+//
+// Layout: the 4-byte start code 00 00 00 01, a tag byte ('V' video, 'A'
+// audio), the serial (int32) and the size (int32), then bytes that depend on
+// serial and position.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/sockets.h"
+
+namespace cgtest {
+
+constexpr int kMinTaggedFrame = 13;
+
+// The bytes of frame serial with the given tag and size (at least kMinTaggedFrame).
+std::vector<char> tagged_frame(char tag, int serial, int size);
+
+// The serial a frame names, or -1 when it is not a whole tagged frame of that tag.
+int tagged_serial(const std::vector<uint8_t> &data, char tag);
+
+// Write a tagged frame into cache idx (frametype CACHE_FRAME_TYPE_*) with the
+// given timestamp; the cache's result.
+int write_tagged(int idx, char tag, int serial, int size, int frametype, double timestamp);
+
+// Connect to the client port and request the live stream of stream_index
+// (auth_id 0): the reply's cmd (0: accepted, with *session_id), or 1 when no
+// whole reply arrived. *fd keeps the connection.
+int request_preview(int port, Fd *fd, int32_t *session_id, uint32_t stream_index = 0);
+
+}  // namespace cgtest
