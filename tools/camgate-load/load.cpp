@@ -260,6 +260,9 @@ bool read_proc(pid_t pid, ProcSample *out)
     out->cpu_s = (std::stod(f[11]) + std::stod(f[12])) / tick;
     out->threads = std::stoi(f[17]);
     out->rss_kb = status_kb(status, "VmRSS");
+    out->anon_kb = status_kb(status, "RssAnon");
+    out->file_kb = status_kb(status, "RssFile");
+    out->shmem_kb = status_kb(status, "RssShmem");
     out->hwm_kb = status_kb(status, "VmHWM");
     return true;
 }

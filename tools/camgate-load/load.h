@@ -64,7 +64,10 @@ struct ControlResult {
 struct ProcSample {
     double t_s = 0;  // since the start of the run
     double cpu_s = 0;
-    long rss_kb = 0;
+    long rss_kb = 0;    // VmRSS: the three below
+    long anon_kb = 0;   // RssAnon: the process's own memory (heap, stacks, buffers)
+    long file_kb = 0;   // RssFile: program and library pages, shared with other processes
+    long shmem_kb = 0;  // RssShmem: pages of the frame cache read so far, shared with the encoder
     long hwm_kb = 0;
     int threads = 0;
 };

@@ -18,6 +18,7 @@ struct Figures {
     bool have_cpu = false;
     double cpu_s = 0, cpu_percent = 0, cpu_ns_per_byte = 0;
     long rss_start = 0, rss_end = 0, rss_max = 0, hwm = 0;
+    ProcSample first, last;  // memory at the start and at the end
     int threads_start = 0, threads_max = 0, threads_end = 0;
 };
 
@@ -68,6 +69,8 @@ Figures figures(const Result &r)
         const double span = b.t_s - a.t_s;
         f.cpu_percent = span > 0 ? 100.0 * f.cpu_s / span : 0;
         f.cpu_ns_per_byte = f.bytes > 0 ? f.cpu_s * 1e9 / static_cast<double>(f.bytes) : 0;
+        f.first = a;
+        f.last = b;
         f.rss_start = a.rss_kb;
         f.rss_end = b.rss_kb;
         f.hwm = b.hwm_kb;
@@ -167,6 +170,12 @@ std::string text_report(const Result &r)
         out += "daemon memory                       RSS " + std::to_string(f.rss_start) + " KB at start, " +
                std::to_string(f.rss_end) + " KB at end, " + std::to_string(f.rss_max) + " KB sampled peak; VmHWM " +
                std::to_string(f.hwm) + " KB (peak of its whole life)\n";
+        out += "  own (RssAnon)                     " + std::to_string(f.first.anon_kb) + " KB at start, " +
+               std::to_string(f.last.anon_kb) + " KB at end\n";
+        out += "  program and libraries (RssFile)   " + std::to_string(f.first.file_kb) + " KB at start, " +
+               std::to_string(f.last.file_kb) + " KB at end\n";
+        out += "  frame cache read (RssShmem)       " + std::to_string(f.first.shmem_kb) + " KB at start, " +
+               std::to_string(f.last.shmem_kb) + " KB at end\n";
         out += "daemon threads                      " + std::to_string(f.threads_start) + " at start, " +
                std::to_string(f.threads_max) + " at most, " + std::to_string(f.threads_end) + " at end\n";
     } else if (c.pid > 0) {
