@@ -229,8 +229,7 @@ int do_preview(media_info *m_info)
 
         if (ret == CACHE_RET_NO_FRAME) {
             if (viewer_gone(fd) || !in_service()) break;
-            usleep(no_frame_us);
-            usleep(kRetryUs);
+            usleep(no_frame_us + kRetryUs);  // the two waits of a frame not yet written, in one sleep
             continue;
         }
         if (ret == CACHE_RET_OVER_WRITE) {
@@ -238,8 +237,7 @@ int do_preview(media_info *m_info)
             if (selector == CACHE_SEL_NEWEST_GOP) {
                 // Frames but no key frame to start at yet: wait for one.
                 if (viewer_gone(fd) || !in_service()) break;
-                usleep(no_frame_us);
-                usleep(kRetryUs);
+                usleep(no_frame_us + kRetryUs);
             }
             cur = CACHE_SEL_NEWEST_GOP;
             last = -2;
