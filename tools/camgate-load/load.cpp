@@ -29,7 +29,8 @@ using camgate::client::Error;
 using camgate::client::ErrorKind;
 using camgate::client::MediaFrame;
 
-constexpr int kRetryMs = 50;  // between attempts of a viewer refused for a full session table
+constexpr int kRetryMs = 50;         // between attempts of a viewer refused for a full session table
+constexpr int kProbeSettleMs = 300;  // after the probes, before the run
 
 double mono_ms()
 {
@@ -47,14 +48,20 @@ void sleep_ms(double ms)
     nanosleep(&ts, nullptr);
 }
 
-// The age of a video frame when it arrives: the receiver's monotonic clock in
-// ms against the frame's pts (its capture time on the same clock, in ms, cut
-// to 16 bits). Negative for a stamp ahead of the clock.
-double frame_age_ms(uint16_t pts, double now_ms)
+size_t frame_wire_bytes(const MediaFrame &f);
+
+// Count a frame received by viewer v (null for a probe).
+void count_frame(const MediaFrame &f, ViewerResult *v)
 {
-    const auto now16 = static_cast<uint16_t>(static_cast<uint64_t>(now_ms) & 0xFFFF);
-    const auto age = static_cast<uint16_t>(now16 - pts);
-    return age >= 0x8000 ? -1.0 : static_cast<double>(age);
+    if (v == nullptr) return;
+    v->bytes += static_cast<int64_t>(frame_wire_bytes(f));
+    const auto size = static_cast<int64_t>(f.data.size());
+    if (f.kind == MediaFrame::Kind::Audio) {
+        ++v->audio_frames;
+        v->largest_audio = std::max(v->largest_audio, size);
+    } else {
+        v->largest_video = std::max(v->largest_video, size);
+    }
 }
 
 size_t frame_wire_bytes(const MediaFrame &f)
@@ -110,10 +117,7 @@ double read_first_i_frame(Connection &conn, double requested, MediaFrame &f, Vie
 {
     for (;;) {
         camgate::client::read_frame(conn, f);
-        if (v != nullptr) {
-            v->bytes += static_cast<int64_t>(frame_wire_bytes(f));
-            if (f.kind == MediaFrame::Kind::Audio) ++v->audio_frames;
-        }
+        count_frame(f, v);
         if (f.kind == MediaFrame::Kind::VideoI) return mono_ms() - requested;
     }
 }
@@ -154,8 +158,7 @@ void run_viewer(const Config &cfg, int32_t auth_id, Viewer *self, const std::ato
             }
             if (stop) break;
             camgate::client::read_frame(conn, f);
-            v.bytes += static_cast<int64_t>(frame_wire_bytes(f));
-            if (f.kind == MediaFrame::Kind::Audio) ++v.audio_frames;
+            count_frame(f, &v);
         }
     } catch (const Error &e) {
         if (!stop) v.error = e.what();
@@ -227,6 +230,13 @@ long status_kb(const std::string &status, const char *field)
 }
 
 }  // namespace
+
+double frame_age_ms(uint16_t pts, double now_ms)
+{
+    const auto now16 = static_cast<uint16_t>(static_cast<uint64_t>(now_ms) & 0xFFFF);
+    const auto age = static_cast<uint16_t>(now16 - pts);
+    return age >= 0x8000 ? -1.0 : static_cast<double>(age);
+}
 
 Summary summarize(std::vector<double> samples)
 {
@@ -321,7 +331,12 @@ Result run(const Config &cfg)
         auth_id = s.login(cfg.user, cfg.password).session_id;
         s.logout();
     }
-    if (cfg.probes > 0) run_probes(cfg, auth_id, &r);
+    if (cfg.probes > 0) {
+        run_probes(cfg, auth_id, &r);
+        // The daemon ends a probe's stream at its next send (within a frame
+        // period or two): let it, so the run starts from a daemon at rest.
+        sleep_ms(kProbeSettleMs);
+    }
 
     std::atomic<bool> stop{false};
     const double start = mono_ms();

@@ -44,6 +44,8 @@ struct ViewerResult {
     int64_t i_frames = 0;
     int64_t audio_frames = 0;
     int64_t bytes = 0;                      // everything received after the request's answer
+    int64_t largest_video = 0;              // data bytes of the largest video frame (pages its buffer needs)
+    int64_t largest_audio = 0;              // data bytes of the largest audio frame
     double caught_up_ms = -1;               // request -> first frame no older than two frame periods; -1: never
     std::vector<double> latency_ms;         // per video frame: its capture time -> received
     std::vector<double> steady_latency_ms;  // the same, from catching up on
@@ -83,6 +85,12 @@ struct Result {
     std::string daemon_name;
     std::vector<ProcSample> proc;  // at the start, every second, at the end
 };
+
+// The age in ms of a video frame whose pts (capture time in ms on the
+// monotonic clock, cut to 16 bits) is pts, received at now_ms on the same
+// clock: the 16-bit difference, so valid across the wrap of the pts; -1 for
+// a stamp ahead of the clock.
+double frame_age_ms(uint16_t pts, double now_ms);
 
 // Read /proc/<pid>/stat and /proc/<pid>/status; false when the process is gone.
 bool read_proc(pid_t pid, ProcSample *out);

@@ -216,6 +216,8 @@ std::string json_report(const Result &r)
              ", \"first_frame_ms\": " + json_number(v.first_frame_ms) +
              ", \"video_frames\": " + std::to_string(v.video_frames) + ", \"i_frames\": " + std::to_string(v.i_frames) +
              ", \"audio_frames\": " + std::to_string(v.audio_frames) + ", \"bytes\": " + std::to_string(v.bytes) +
+             ", \"largest_video\": " + std::to_string(v.largest_video) +
+             ", \"largest_audio\": " + std::to_string(v.largest_audio) +
              ", \"caught_up_ms\": " + json_number(v.caught_up_ms) +
              ", \"bad_stamps\": " + std::to_string(v.bad_stamps) + ", \"error\": " + json_string(v.error) + "}";
     }
@@ -242,6 +244,12 @@ std::string json_report(const Result &r)
              ", \"cpu_ns_per_byte\": " + json_number(f.cpu_ns_per_byte) +
              ", \"rss_kb_start\": " + std::to_string(f.rss_start) + ", \"rss_kb_end\": " + std::to_string(f.rss_end) +
              ", \"rss_kb_max\": " + std::to_string(f.rss_max) + ", \"vmhwm_kb\": " + std::to_string(f.hwm) +
+             ", \"anon_kb_start\": " + std::to_string(f.first.anon_kb) +
+             ", \"anon_kb_end\": " + std::to_string(f.last.anon_kb) +
+             ", \"file_kb_start\": " + std::to_string(f.first.file_kb) +
+             ", \"file_kb_end\": " + std::to_string(f.last.file_kb) +
+             ", \"shmem_kb_start\": " + std::to_string(f.first.shmem_kb) +
+             ", \"shmem_kb_end\": " + std::to_string(f.last.shmem_kb) +
              ", \"threads_start\": " + std::to_string(f.threads_start) +
              ", \"threads_max\": " + std::to_string(f.threads_max) +
              ", \"threads_end\": " + std::to_string(f.threads_end) + ",\n  \"samples\": [";
@@ -249,7 +257,7 @@ std::string json_report(const Result &r)
             const ProcSample &s = r.proc[i];
             o += std::string(i ? ", " : "") + "{\"t_s\": " + json_number(s.t_s) +
                  ", \"cpu_s\": " + json_number(s.cpu_s) + ", \"rss_kb\": " + std::to_string(s.rss_kb) +
-                 ", \"threads\": " + std::to_string(s.threads) + "}";
+                 ", \"anon_kb\": " + std::to_string(s.anon_kb) + ", \"threads\": " + std::to_string(s.threads) + "}";
         }
         o += "]}";
     }
