@@ -17,6 +17,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -48,6 +49,14 @@ constexpr int kHeaderRoom = 24;
                  "[--json]\n",
                  msg.c_str());
     std::exit(2);
+}
+
+// Voluntary context switches of the calling thread: each sleep or wait is one.
+long voluntary_switches()
+{
+    rusage ru{};
+    getrusage(RUSAGE_THREAD, &ru);
+    return ru.ru_nvcsw;
 }
 
 double clock_s(clockid_t id)
@@ -240,6 +249,7 @@ int main(int argc, char **argv)
     int64_t sent = 0, reads = 0;
     bool failed = false;
     const double cpu0 = clock_s(CLOCK_THREAD_CPUTIME_ID);
+    const long switches0 = voluntary_switches();
     const double t0 = clock_s(CLOCK_MONOTONIC);
     const double end = t0 + duration;
     while (!failed) {
@@ -282,6 +292,7 @@ int main(int argc, char **argv)
     }
     const double cpu = clock_s(CLOCK_THREAD_CPUTIME_ID) - cpu0;
     const double elapsed = clock_s(CLOCK_MONOTONIC) - t0;
+    const double wakeups = static_cast<double>(voluntary_switches() - switches0) / elapsed;
     for (int fd : out) shutdown(fd, SHUT_WR);
     drain.join();
     for (int fd : out) close(fd);
@@ -293,18 +304,18 @@ int main(int argc, char **argv)
         std::printf(
             "{\"sockets\": %d, \"audio\": %s, \"elapsed_s\": %.3f, \"bytes\": %lld, \"bytes_sent\": %lld, "
             "\"video_frames\": %lld, \"audio_frames\": %lld, \"reads\": %lld, \"sender_cpu_s\": %.4f, "
-            "\"cpu_percent\": %.3f, \"cpu_ns_per_byte\": %.4f, \"ok\": %s}\n",
+            "\"cpu_percent\": %.3f, \"cpu_ns_per_byte\": %.4f, \"wakeups_per_s\": %.1f, \"ok\": %s}\n",
             sockets, audio ? "true" : "false", elapsed, static_cast<long long>(drained.load()),
             static_cast<long long>(sent), static_cast<long long>(walks[0].frames),
             static_cast<long long>(walks.size() > 1 ? walks[1].frames : 0), static_cast<long long>(reads), cpu,
-            100.0 * cpu / elapsed, ns_per_byte, failed ? "false" : "true");
+            100.0 * cpu / elapsed, ns_per_byte, wakeups, failed ? "false" : "true");
     } else {
         std::printf(
             "camgate_live_reference: %d sockets, %.1f s: %lld video frames, %lld audio frames, %.2f MB "
-            "delivered; sender CPU %.3f s (%.2f %% of a core), %.2f ns per byte\n",
+            "delivered; sender CPU %.3f s (%.2f %% of a core), %.2f ns per byte, %.0f wake-ups a second\n",
             sockets, elapsed, static_cast<long long>(walks[0].frames),
             static_cast<long long>(walks.size() > 1 ? walks[1].frames : 0), static_cast<double>(drained.load()) / 1e6,
-            cpu, 100.0 * cpu / elapsed, ns_per_byte);
+            cpu, 100.0 * cpu / elapsed, ns_per_byte, wakeups);
     }
     return failed ? 1 : 0;
 }

@@ -248,6 +248,22 @@ BENCHMARK(BM_ControlAfterPause)
     ->Unit(benchmark::kMicrosecond)
     ->Iterations(300);
 
+// --- the price of sleeping --------------------------------------------------
+
+// One timer sleep and the wake-up after it (usleep(1000)): the CPU time the
+// sleeping thread is charged for it (cpu_us), the unit of cost of every
+// polling loop of the daemon (the dispatcher's pause, the live loops' waits).
+void BM_TimerSleepWake(benchmark::State &state)
+{
+    timespec a{}, b{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &a);
+    for (auto _ : state) usleep(1000);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &b);
+    const double ns = static_cast<double>(b.tv_sec - a.tv_sec) * 1e9 + static_cast<double>(b.tv_nsec - a.tv_nsec);
+    state.counters["cpu_us"] = ns / 1000.0 / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_TimerSleepWake)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(500);
+
 }  // namespace
 
 CAMGATE_BENCHMARK_MAIN();

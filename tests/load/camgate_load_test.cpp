@@ -175,6 +175,7 @@ TEST(CamgateLoad, ReportsWhatViewersAndClientsSawAndWhatTheDaemonUsed)
     EXPECT_GE(json_number(j, "cpu_s", daemon), 0);
     EXPECT_GT(json_number(j, "rss_kb_end", daemon), 0);
     EXPECT_GT(json_number(j, "vmhwm_kb", daemon), 0);
+    EXPECT_GT(json_number(j, "wakeups_per_s", daemon), 25) << j;  // at least one a frame
     // Each viewer is served by a video and an audio thread, the control client by one more.
     EXPECT_GE(json_number(j, "threads_max", daemon), json_number(j, "threads_start", daemon) + 5) << j;
     size_t samples = 0;

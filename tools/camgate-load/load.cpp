@@ -222,7 +222,7 @@ bool read_text(const std::string &path, std::string *out)
     return true;
 }
 
-long status_kb(const std::string &status, const char *field)
+long status_field(const std::string &status, const char *field)
 {
     const size_t at = status.find(std::string("\n") + field + ":");
     if (at == std::string::npos) return 0;
@@ -269,11 +269,21 @@ bool read_proc(pid_t pid, ProcSample *out)
     const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
     out->cpu_s = (std::stod(f[11]) + std::stod(f[12])) / tick;
     out->threads = std::stoi(f[17]);
-    out->rss_kb = status_kb(status, "VmRSS");
-    out->anon_kb = status_kb(status, "RssAnon");
-    out->file_kb = status_kb(status, "RssFile");
-    out->shmem_kb = status_kb(status, "RssShmem");
-    out->hwm_kb = status_kb(status, "VmHWM");
+    out->voluntary_switches = out->involuntary_switches = 0;
+    if (DIR *tasks = opendir((dir + "/task").c_str())) {
+        while (dirent *e = readdir(tasks)) {
+            std::string task;
+            if (e->d_name[0] == '.' || !read_text(dir + "/task/" + e->d_name + "/status", &task)) continue;
+            out->voluntary_switches += status_field(task, "voluntary_ctxt_switches");
+            out->involuntary_switches += status_field(task, "nonvoluntary_ctxt_switches");
+        }
+        closedir(tasks);
+    }
+    out->rss_kb = status_field(status, "VmRSS");
+    out->anon_kb = status_field(status, "RssAnon");
+    out->file_kb = status_field(status, "RssFile");
+    out->shmem_kb = status_field(status, "RssShmem");
+    out->hwm_kb = status_field(status, "VmHWM");
     return true;
 }
 
@@ -356,7 +366,10 @@ Result run(const Config &cfg)
         const double next = std::min(end, start + second * 1000.0);
         sleep_ms(next - mono_ms());
         sample(false);
-        if (mono_ms() >= end) break;
+        if (mono_ms() >= end) {
+            if (!r.proc.empty()) r.at_stop = r.proc.back();
+            break;
+        }
     }
     stop = true;
     // A viewer blocked in a read ends when its socket is shut down; control clients finish their request.

@@ -72,6 +72,10 @@ struct ProcSample {
     long shmem_kb = 0;  // RssShmem: pages of the frame cache read so far, shared with the encoder
     long hwm_kb = 0;
     int threads = 0;
+    // Context switches of the threads alive now, since each started: a thread
+    // gives up the CPU voluntarily each time it sleeps or waits.
+    long long voluntary_switches = 0;
+    long long involuntary_switches = 0;
 };
 
 struct Result {
@@ -84,6 +88,7 @@ struct Result {
     bool have_proc = false;
     std::string daemon_name;
     std::vector<ProcSample> proc;  // at the start, every second, at the end
+    ProcSample at_stop;            // the last sample before the viewers were stopped
 };
 
 // The age in ms of a video frame whose pts (capture time in ms on the

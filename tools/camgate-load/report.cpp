@@ -18,7 +18,9 @@ struct Figures {
     bool have_cpu = false;
     double cpu_s = 0, cpu_percent = 0, cpu_ns_per_byte = 0;
     long rss_start = 0, rss_end = 0, rss_max = 0, hwm = 0;
-    ProcSample first, last;  // memory at the start and at the end
+    ProcSample first, last;    // memory at the start and at the end
+    double wakeups_per_s = 0;  // voluntary context switches of the daemon's threads, start to stop
+    double preempted_per_s = 0;
     int threads_start = 0, threads_max = 0, threads_end = 0;
 };
 
@@ -71,6 +73,11 @@ Figures figures(const Result &r)
         f.cpu_ns_per_byte = f.bytes > 0 ? f.cpu_s * 1e9 / static_cast<double>(f.bytes) : 0;
         f.first = a;
         f.last = b;
+        const double run_s = r.at_stop.t_s - a.t_s;
+        if (run_s > 0) {
+            f.wakeups_per_s = static_cast<double>(r.at_stop.voluntary_switches - a.voluntary_switches) / run_s;
+            f.preempted_per_s = static_cast<double>(r.at_stop.involuntary_switches - a.involuntary_switches) / run_s;
+        }
         f.rss_start = a.rss_kb;
         f.rss_end = b.rss_kb;
         f.hwm = b.hwm_kb;
@@ -177,7 +184,9 @@ std::string text_report(const Result &r)
         out += "  frame cache read (RssShmem)       " + std::to_string(f.first.shmem_kb) + " KB at start, " +
                std::to_string(f.last.shmem_kb) + " KB at end\n";
         out += "daemon threads                      " + std::to_string(f.threads_start) + " at start, " +
-               std::to_string(f.threads_max) + " at most, " + std::to_string(f.threads_end) + " at end\n";
+               std::to_string(f.threads_max) + " at most, " + std::to_string(f.threads_end) + " at end; " +
+               fmt("%.0f", f.wakeups_per_s) + " wake-ups a second (voluntary context switches), " +
+               fmt("%.0f", f.preempted_per_s) + " preemptions\n";
     } else if (c.pid > 0) {
         out += "daemon (pid " + std::to_string(c.pid) + "): no figures, the process was not readable\n";
     }
@@ -251,6 +260,8 @@ std::string json_report(const Result &r)
              ", \"shmem_kb_start\": " + std::to_string(f.first.shmem_kb) +
              ", \"shmem_kb_end\": " + std::to_string(f.last.shmem_kb) +
              ", \"threads_start\": " + std::to_string(f.threads_start) +
+             ", \"wakeups_per_s\": " + json_number(f.wakeups_per_s) +
+             ", \"preempted_per_s\": " + json_number(f.preempted_per_s) +
              ", \"threads_max\": " + std::to_string(f.threads_max) +
              ", \"threads_end\": " + std::to_string(f.threads_end) + ",\n  \"samples\": [";
         for (size_t i = 0; i < r.proc.size(); ++i) {
