@@ -105,6 +105,7 @@ def write_report(run, doc, machine):
     add(f"| run | scripts/bench{' --quick' if machine['mode'] == 'quick' else ''}: "
         f"{machine['live_s']} s per live case, {machine['elapsed']} s in all |")
     add(f"| load average (1, 5, 15 min) | {machine['load_before']} before, {machine['load_after']} after |")
+    add(f"| CPU busy over 2 s just before the run | {machine['busy_before']} % |")
     add("")
     add("The encoder simulator writes one synthetic 640x360 H.264 stream at 25 frames a second with an I-frame "
         "every 25 frames (1 s GOP), its frames sized for the bit rate (an I-frame weighs 8 P-frames), and "
