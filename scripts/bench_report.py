@@ -144,14 +144,15 @@ def write_report(run, doc, machine):
     wake_us = sleep["cpu_us"] if sleep else None
     for label, key, ref in cases:
         d, r = loads[key], refs[ref]
-        if not wake_us or not d or not r or not d["daemon"] or d["daemon"]["cpu_s"] <= 0 or r["sender_cpu_s"] <= 0:
+        if not wake_us or not d or not r or not d["daemon"] or r["wakeups_per_s"] <= 0:
             continue
         dm = d["daemon"]
-        d_share = min(1.0, dm["wakeups_per_s"] * d["elapsed_s"] * wake_us / 1e6 / dm["cpu_s"])
-        r_share = min(1.0, r["wakeups_per_s"] * r["elapsed_s"] * wake_us / 1e6 / r["sender_cpu_s"])
-        add(f"| Share of the CPU that its wake-ups cost ({_f(wake_us, 1)} us each), {label} | "
-            f"{_f(100 * d_share, 0)} % ({_f(dm['wakeups_per_s'], 0)} wake-ups/s) | {_f(100 * r_share, 0)} % "
-            f"({_f(r['wakeups_per_s'], 0)} wake-ups/s) | | (where the CPU goes) | |")
+        d_cost = dm["wakeups_per_s"] * wake_us / 1e4  # % of a core at the measured price
+        r_cost = r["wakeups_per_s"] * wake_us / 1e4
+        add(f"| Wake-ups a second, {label}; what they cost at {_f(wake_us, 1)} us each (BM_TimerSleepWake) | "
+            f"{_f(dm['wakeups_per_s'], 0)}: {_f(d_cost)} % of a core, of the {_f(dm['cpu_percent'])} % the daemon "
+            f"used | {_f(r['wakeups_per_s'], 0)}: {_f(r_cost)} % of a core, of the {_f(r['cpu_percent'])} % the "
+            f"reference used | {_f(dm['wakeups_per_s'] / r['wakeups_per_s'], 1)} | (where the CPU goes) | |")
     marginal = None
     if v8 and v16 and refs["ref8_4m"] and refs["ref8_16m"]:
         d_cpu = v16["daemon"]["cpu_s"] - v8["daemon"]["cpu_s"]
