@@ -193,6 +193,38 @@ TEST(CamgateLoad, ReportsWhatViewersAndClientsSawAndWhatTheDaemonUsed)
         EXPECT_NE(t.find(line), std::string::npos) << line << "\n" << t;
 }
 
+// About 2 s. The reference program is built with the benchmarks (not in the sanitizer build).
+TEST(LiveReference, DeliversEachFrameOnceToEverySocket)
+{
+    const std::string program = cgtest::bin_path("camgate_live_reference");
+    if (access(program.c_str(), X_OK) != 0) GTEST_SKIP() << "camgate_live_reference is not built";
+    LiveCamera live;
+    ASSERT_TRUE(live.enc.start()) << live.enc.error();
+    ASSERT_TRUE(live.enc.wait_for_video(0, 5, 5000));
+    cgtest::Process p;
+    ASSERT_TRUE(p.start(program, {"--key", std::to_string(live.cam.shm_key()), "--sockets", "3", "--duration", "1.5",
+                                  "--audio", "--json"}));
+    int status = 0;
+    ASSERT_TRUE(p.wait_exit(10000, &status)) << p.err();
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << p.out() << p.err();
+    const std::string j = p.out().substr(p.out().find("{\"sockets\""));
+    EXPECT_NE(j.find("\"ok\": true"), std::string::npos) << j;
+    // From the newest GOP's I-frame on: what the encoder wrote in 1.5 s and at most a GOP before.
+    const double video = json_number(j, "video_frames");
+    EXPECT_GE(video, 30) << j;
+    EXPECT_LE(video, 1.5 * 25 + 25 + 3) << j;
+    EXPECT_GE(json_number(j, "audio_frames"), 30) << j;
+    // Every byte sent was drained, the same to each of the 3 sockets, with the framing.
+    const double bytes = json_number(j, "bytes");
+    EXPECT_EQ(bytes, json_number(j, "bytes_sent")) << j;
+    EXPECT_EQ(static_cast<long long>(bytes) % 3, 0) << j;
+    const double audio = json_number(j, "audio_frames");
+    const double least = 24024 + (video - 1) * (3000 + 12) + audio * (320 + 12);
+    EXPECT_GE(bytes / 3, least) << j;
+    EXPECT_LE(bytes / 3, least + 3 * (24000 - 3000)) << j;  // a few more I-frames at most
+    EXPECT_GT(json_number(j, "wakeups_per_s"), 0) << j;
+}
+
 // About 2 s.
 TEST(CamgateLoad, FailsWhenNothingIsServedAndStaysOnLoopback)
 {
