@@ -180,7 +180,8 @@ def write_report(run, doc, machine):
         largest_a = max(v["largest_audio"] for v in v8["viewers"])
         touched = _pages_kb(largest_v + 24) + _pages_kb(largest_a + 12)
         add(f"| Daemon's own memory per viewer (RssAnon, 8 viewers) | {_f(per_viewer, 0)} KB | {touched} KB: "
-            f"the pages of the largest frames in its buffers ({largest_v} + {largest_a} bytes) | "
+            f"the pages of the largest frames in its buffers ({largest_v} + {largest_a} bytes); the rest is "
+            f"the stacks of its two threads | "
             f"{_f(per_viewer / touched)} | no more than the buffers touched | {_ok(per_viewer <= touched * 1.5)} |")
         a5 = _anon_at(v8, 5)
         growth = dm["anon_kb_end"] - a5
