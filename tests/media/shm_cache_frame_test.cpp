@@ -11,6 +11,7 @@
 
 #include "media/cache_mng.h"
 #include "media/shm_cache.h"
+#include "support/media_frames.h"
 #include "support/testenv.h"
 
 namespace {
@@ -52,18 +53,6 @@ Read read(int idx, int selector, int buflen = 1 << 20)
 
 class ShmCacheFrames : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        key_ = cgtest::unique_ipc_key();
-        setenv("CAMGATE_SHM_KEY", std::to_string(key_).c_str(), 1);
-    }
-    void TearDown() override
-    {
-        shm_cache_writer_uninit();
-        shm_cache_reader_uninit();
-        cgtest::remove_ipc(key_);
-        unsetenv("CAMGATE_SHM_KEY");
-    }
     // Video caches of the given sizes (K), then optionally a snapshot and an audio cache.
     void create(std::vector<int> video_k, bool audio = true)
     {
@@ -76,7 +65,8 @@ class ShmCacheFrames : public ::testing::Test {
         info.audio_buf_size[0] = 16;
         ASSERT_EQ(shm_cache_writer_init(&info), 0);
     }
-    key_t key_ = 0;
+    const cgtest::CacheKey cache_;
+    const key_t key_ = cache_.key();
 };
 
 TEST_F(ShmCacheFrames, ReadResults)

@@ -1,8 +1,10 @@
 #include "support/media_frames.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "media/shm_cache.h"
+#include "support/testenv.h"
 
 namespace cgtest {
 
@@ -14,6 +16,19 @@ char pattern_byte(int serial, int i)
 }
 
 }  // namespace
+
+CacheKey::CacheKey() : key_(unique_ipc_key())
+{
+    setenv("CAMGATE_SHM_KEY", text().c_str(), 1);
+}
+
+CacheKey::~CacheKey()
+{
+    shm_cache_writer_uninit();
+    shm_cache_reader_uninit();
+    remove_ipc(key_);
+    unsetenv("CAMGATE_SHM_KEY");
+}
 
 std::vector<char> tagged_frame(char tag, int serial, int size)
 {

@@ -8,6 +8,8 @@
 // serial and position.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,6 +17,22 @@
 #include "support/sockets.h"
 
 namespace cgtest {
+
+// A unique frame-cache key set in CAMGATE_SHM_KEY for one test; on
+// destruction this process detaches (writer and reader side), the segment and
+// its semaphores are removed and the variable is unset.
+class CacheKey {
+  public:
+    CacheKey();
+    ~CacheKey();
+    CacheKey(const CacheKey &) = delete;
+    CacheKey &operator=(const CacheKey &) = delete;
+    key_t key() const { return key_; }
+    std::string text() const { return std::to_string(key_); }
+
+  private:
+    key_t key_;
+};
 
 constexpr int kMinTaggedFrame = 13;
 

@@ -191,6 +191,17 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
     return true;
 }
 
+int Process::run(const std::string &program, const std::vector<std::string> &args, int timeout_ms)
+{
+    int status = 0;
+    if (!start(program, args)) return -1;
+    if (!wait_exit(timeout_ms, &status)) {
+        stop();
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 bool Process::running()
 {
     if (pid_ <= 0 || reaped_) return false;

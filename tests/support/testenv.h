@@ -68,6 +68,9 @@ class Process {
     // always forced to their safe values. False when the program cannot start.
     bool start(const std::string &program, const std::vector<std::string> &args = {},
                const std::map<std::string, std::string> &env = {});
+    // Start the program and wait for its end: its exit status, -1 when it did
+    // not start, did not end within timeout_ms (it is killed then) or died of a signal.
+    int run(const std::string &program, const std::vector<std::string> &args = {}, int timeout_ms = 15000);
     // Standard input of the next start(): the file (or FIFO) at path instead of /dev/null.
     void set_stdin(const std::string &path) { stdin_path_ = path; }
     pid_t pid() const { return pid_; }
