@@ -15,28 +15,8 @@ namespace {
 using cgtest::bytes_of;
 using cgtest::CtrlReply;
 
-class Settings : public cgtest::ControlConn {
-  protected:
-    void SetUp() override
-    {
-        ControlConn::SetUp();
-        open();
-    }
-
-    // The data of the n-th frame with cmd the simulator received (fails the test when none came).
-    sysd::Frame frame(uint16_t cmd, int n = 1)
-    {
-        sysd::Frame f;
-        EXPECT_TRUE(sim().wait_for(cmd, 3000, &f, n)) << "no frame 0x" << std::hex << cmd;
-        return f;
-    }
-
-    template <class T>
-    void expect_text(const T &field, const char *text)
-    {
-        EXPECT_EQ(std::string(field, wire_str_len(field, sizeof field)), text);
-    }
-};
+using Settings = cgtest::ControlConn;
+using cgtest::field_text;
 
 TK_U32 u32(uint32_t v)
 {
@@ -186,18 +166,18 @@ TEST_F(Settings, NetworkGetReportsTheServersAddressesAndPorts)
     ASSERT_EQ(r.result, 0);
     ASSERT_EQ(r.body.size(), sizeof(NET_COMM_PARA));  // no count
     const auto n = r.as<NET_COMM_PARA>();
-    expect_text(n.eths[0].ipaddr.ipv4, "192.168.1.88");
-    expect_text(n.eths[0].net_mask.ipv4, "255.255.255.0");
-    expect_text(n.default_gw.ipv4, "192.168.1.1");
-    expect_text(n.dns_server1.ipv4, "192.168.1.1");
+    EXPECT_EQ(field_text(n.eths[0].ipaddr.ipv4), "192.168.1.88");
+    EXPECT_EQ(field_text(n.eths[0].net_mask.ipv4), "255.255.255.0");
+    EXPECT_EQ(field_text(n.default_gw.ipv4), "192.168.1.1");
+    EXPECT_EQ(field_text(n.dns_server1.ipv4), "192.168.1.1");
     const uint8_t mac[20] = {0x00, 0x12, 0x41, 0x5C, 0x88, 0x01};
     EXPECT_EQ(std::memcmp(n.eths[0].mac_addr, mac, sizeof mac), 0);
     EXPECT_EQ(n.tcp_port, 6258);
     EXPECT_EQ(n.web_port, 80);
     EXPECT_EQ(n.dhcp, 0);
-    expect_text(n.dns_server2.ipv4, "");
-    expect_text(n.mcast_ip.ipv4, "");
-    expect_text(n.eths[1].ipaddr.ipv4, "");
+    EXPECT_EQ(field_text(n.dns_server2.ipv4), "");
+    EXPECT_EQ(field_text(n.mcast_ip.ipv4), "");
+    EXPECT_EQ(field_text(n.eths[1].ipaddr.ipv4), "");
 }
 
 TEST_F(Settings, NetworkSetStoresAddressesAndTheClientPortAndIgnoresDhcp)
@@ -239,8 +219,8 @@ TEST_F(Settings, NetworkSetStoresAddressesAndTheClientPortAndIgnoresDhcp)
     EXPECT_EQ(got.tcp_port, 6000);
     EXPECT_EQ(got.web_port, 8080);
     EXPECT_EQ(got.dhcp, 0);
-    expect_text(got.eths[0].ipaddr.ipv4, "10.1.2.3");
-    expect_text(got.dns_server2.ipv4, "");
+    EXPECT_EQ(field_text(got.eths[0].ipaddr.ipv4), "10.1.2.3");
+    EXPECT_EQ(field_text(got.dns_server2.ipv4), "");
     EXPECT_TRUE(cgtest::has_line(out, "[[]oplog] * user=tester type=11 index=0")) << out;
 }
 
@@ -248,7 +228,7 @@ TEST_F(Settings, NtpLivesInTheClockRecordWithAFixedInterval)
 {
     auto ntp = ask(TK_CMD_GET_NTP_CFG).as<NET_NTP_PARA>();
     EXPECT_EQ(ntp.enable, 0);
-    expect_text(ntp.ntp_server, "pool.ntp.org");
+    EXPECT_EQ(field_text(ntp.ntp_server), "pool.ntp.org");
     EXPECT_EQ(ntp.time_zone, 31);
     EXPECT_EQ(ntp.interval, 2);
     EXPECT_EQ(ntp.port, 0);
@@ -262,7 +242,7 @@ TEST_F(Settings, NtpLivesInTheClockRecordWithAFixedInterval)
     ASSERT_EQ(ask_rec(TK_CMD_SET_NTP_CFG, set).result, 0);
     const auto t = frame(ZQ_SETTIME).as<DeviceTime>();
     EXPECT_EQ(t.NtpEnable, 1);
-    expect_text(t.NtpAddress, "time.example.org");
+    EXPECT_EQ(field_text(t.NtpAddress), "time.example.org");
     EXPECT_EQ(t.TimeZoneId, 20);
     ntp = ask(TK_CMD_GET_NTP_CFG).as<NET_NTP_PARA>();
     EXPECT_EQ(ntp.enable, 1);
@@ -287,11 +267,11 @@ TEST_F(Settings, EmailSwitchIsKeptInTheSnmpField)
     EXPECT_EQ(p.SnmpEnable, 1);
     EXPECT_EQ(p.SmtpServerAuther, 1);
     EXPECT_EQ(p.SmtpServerPort, 465);
-    expect_text(p.SmtpSend, "cam@example.org");
-    expect_text(p.SmtpReceive, "ops@example.org");
-    expect_text(p.SmtpServerAddress, "mail.example.org");
-    expect_text(p.SmtpName, "cam");
-    expect_text(p.SmtpPassword, "secret");
+    EXPECT_EQ(field_text(p.SmtpSend), "cam@example.org");
+    EXPECT_EQ(field_text(p.SmtpReceive), "ops@example.org");
+    EXPECT_EQ(field_text(p.SmtpServerAddress), "mail.example.org");
+    EXPECT_EQ(field_text(p.SmtpName), "cam");
+    EXPECT_EQ(field_text(p.SmtpPassword), "secret");
     const CtrlReply r = ask(TK_CMD_GET_EMAIL_CFG);
     ASSERT_EQ(r.body.size(), sizeof e);
     EXPECT_EQ(r.body, bytes_of(e));
@@ -306,13 +286,13 @@ TEST_F(Settings, FtpStringsAreCutToTheServerFields)
     wire_set_str(f.path, "/upload/cam1");
     ASSERT_EQ(ask_rec(TK_CMD_SET_FTP_CFG, f).result, 0);
     const auto p = frame(ZQ_SETNETWORKPROTOCOL).as<NetworkProtocol>();
-    expect_text(p.FtpName, std::string(15, 'u').c_str());
-    expect_text(p.FtpPassword, "a-password-of-2");
+    EXPECT_EQ(field_text(p.FtpName), std::string(15, 'u').c_str());
+    EXPECT_EQ(field_text(p.FtpPassword), "a-password-of-2");
     EXPECT_EQ(p.FtpPort, 21);  // neither reported nor set
     const auto got = ask(TK_CMD_GET_FTP_CFG).as<NET_FTP_PARA>();
-    expect_text(got.ftp_server, "ftp.example.org");
-    expect_text(got.user, std::string(15, 'u').c_str());
-    expect_text(got.path, "/upload/cam1");
+    EXPECT_EQ(field_text(got.ftp_server), "ftp.example.org");
+    EXPECT_EQ(field_text(got.user), std::string(15, 'u').c_str());
+    EXPECT_EQ(field_text(got.path), "/upload/cam1");
 }
 
 TEST_F(Settings, DdnsChoosesAProviderSlotAndSwitchesOffAfterStoring)
@@ -329,9 +309,9 @@ TEST_F(Settings, DdnsChoosesAProviderSlotAndSwitchesOffAfterStoring)
     ASSERT_EQ(ask_rec(TK_CMD_SET_DDNS_CFG, d).result, 0);
     auto p = frame(ZQ_SETNETWORKPROTOCOL).as<NetworkProtocol>();
     EXPECT_EQ(p.DdnsProtocol, 0);
-    expect_text(p.Ddns_info[1].DdnsDevName, "cam.example.net");
-    expect_text(p.Ddns_info[1].DdnsName, "dyn");
-    expect_text(p.Ddns_info[1].DdnsPassword, "dynpw");
+    EXPECT_EQ(field_text(p.Ddns_info[1].DdnsDevName), "cam.example.net");
+    EXPECT_EQ(field_text(p.Ddns_info[1].DdnsName), "dyn");
+    EXPECT_EQ(field_text(p.Ddns_info[1].DdnsPassword), "dynpw");
     EXPECT_EQ(std::memcmp(&p.Ddns_info[0], &before.Ddns_info[0], sizeof(DDNS_info)), 0);
     EXPECT_EQ(ask(TK_CMD_GET_DDNS_CFG).body, std::vector<uint8_t>(sizeof(NET_DDNS_PARA), 0));
 
@@ -375,11 +355,11 @@ TEST_F(Settings, NetworkResetWritesTheFactorySettings)
     EXPECT_EQ(p.HttpPort, 80);
     EXPECT_EQ(p.SnmpEnable, 0);
     EXPECT_EQ(p.DdnsProtocol, 0);
-    expect_text(p.FtpAddress, "");
-    expect_text(p.SmtpServerAddress, "");
+    EXPECT_EQ(field_text(p.FtpAddress), "");
+    EXPECT_EQ(field_text(p.SmtpServerAddress), "");
     t = sim().get<DeviceTime>(ZQ_GETTIME);
     EXPECT_EQ(t.NtpEnable, 0);
-    expect_text(t.NtpAddress, "");
+    EXPECT_EQ(field_text(t.NtpAddress), "");
     // NTP first, then the network, e-mail, FTP and DDNS.
     std::vector<uint16_t> sets;
     for (const sysd::Frame &f : sim().received())

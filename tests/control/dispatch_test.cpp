@@ -1,12 +1,17 @@
-// The dispatcher: rights by range, stale headers, unknown codes, the fixed
+// The control loop and its dispatcher: heartbeats, logout and the limits of
+// a request, rights by range, stale headers, unknown codes, the fixed
 // answers, configuration resets and the reboot.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+
+#include <thread>
 
 #include <string>
 #include <vector>
 
+#include "control/control.h"
 #include "control/control_fixture.h"
 #include "support/text.h"
 
@@ -39,6 +44,59 @@ struct RightCase {
 };
 
 }  // namespace
+
+TEST_F(ControlDispatch, HeartbeatAndLogout)
+{
+    CtrlReply r = ask(TK_CMD_HEARTBEAT);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_TRUE(r.body.empty());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ask(TK_CMD_LOGOUT).result, 0);
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -1);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(cgtest::has_line(out, "[[]oplog] * user=tester type=6 index=0")) << out;
+}
+
+TEST_F(ControlDispatch, RequestsAreReadWholeAndBounded)
+{
+    // A request that comes in pieces is one request.
+    NEW_PACKET_HEADER req{TK_PROTO_MAGIC, TK_CMD_HEARTBEAT, 3};
+    send(client(), &req, 5, MSG_NOSIGNAL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    send(client(), reinterpret_cast<char *>(&req) + 5, sizeof req - 5, MSG_NOSIGNAL);
+    send(client(), "abc", 3, MSG_NOSIGNAL);
+    EXPECT_EQ(read_reply().result, 0);
+
+    // A payload of exactly the work buffer is read and answered; one byte more
+    // ends the connection without a reply and without reading the payload.
+    EXPECT_EQ(ask(0x30000, std::vector<uint8_t>(CONTROL_BUF_SIZE, 0x5A)).result, TK_ERR_UNSUPPORTED);
+    req.len = CONTROL_BUF_SIZE + 1;
+    send(client(), &req, sizeof req, MSG_NOSIGNAL);
+    EXPECT_TRUE(closed_cleanly());
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+}
+
+TEST_F(ControlDispatch, AShortRequestOrARemovedSessionEndsTheLoop)
+{
+    const NEW_PACKET_HEADER req{TK_PROTO_MAGIC, TK_CMD_HEARTBEAT, 100};
+    send(client(), &req, sizeof req, MSG_NOSIGNAL);
+    send(client(), "short", 5, MSG_NOSIGNAL);
+    shutdown(client(), SHUT_WR);
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+
+    // Ended from the registry's side: the keepalive or a removal shuts the socket down.
+    open();
+    ASSERT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
+    netuser_remove_ctrl_session(session_id());
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+}
 
 TEST_F(ControlDispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
 {
@@ -105,7 +163,6 @@ TEST_F(ControlDispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
 
 TEST_F(ControlDispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
 {
-    open();
     // Nothing built yet: result 0 without payload.
     CtrlReply r = ask(0x70010);
     EXPECT_EQ(r.result, 0);
@@ -145,7 +202,6 @@ TEST_F(ControlDispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
 
 TEST_F(ControlDispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
 {
-    open();
     testing::internal::CaptureStdout();
     for (int32_t cmd : std::vector<int32_t>{
              0x30000,      0x30046, 0x30063, 0x30083, 0x30095, 0x300A6,           0x10001,
@@ -166,7 +222,6 @@ TEST_F(ControlDispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
 
 TEST_F(ControlDispatch, FixedAnswersAndEmptySearches)
 {
-    open();
     // Record mode 1 and pre-record time 5, whatever was set.
     EXPECT_EQ(ask(TK_CMD_SET_RECORD_MODE, {0, 0, 0, 0}).result, 0);
     CtrlReply r = ask(TK_CMD_GET_RECORD_MODE);
@@ -216,7 +271,6 @@ TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
     for (const char *f : {"config_record.ini", "config_record_2.ini", "config_ptz.ini", "config_image.ini",
                           "config_encode.ini", "network.ini"})
         ASSERT_TRUE(cgtest::write_file(conf + "/" + f, "x"));
-    open();
     mark();
     testing::internal::CaptureStdout();
     const std::vector<std::pair<int32_t, const char *>> resets = {
@@ -251,7 +305,6 @@ TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
 
 TEST_F(ControlDispatch, RebootAnswersFirstRunsTheShellAndAnswersAgain)
 {
-    open();
     mark();
     testing::internal::CaptureStdout();
     CtrlReply r = ask(TK_CMD_REMOTE_REBOOT);

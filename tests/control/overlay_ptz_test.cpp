@@ -15,19 +15,6 @@ using cgtest::CtrlReply;
 
 class Device : public cgtest::ControlConn {
   protected:
-    void SetUp() override
-    {
-        ControlConn::SetUp();
-        open();
-    }
-
-    sysd::Frame frame(uint16_t cmd, int n = 1)
-    {
-        sysd::Frame f;
-        EXPECT_TRUE(sim().wait_for(cmd, 3000, &f, n)) << "no frame 0x" << std::hex << cmd;
-        return f;
-    }
-
     CtrlReply ptz(uint32_t cmd, uint32_t param1, uint32_t param2, uint32_t stop = 0, uint32_t channel = 0)
     {
         return ask_rec(TK_CMD_PTZ_CONTROL, PTZ_CMD_PACKAGE{channel, cmd, param1, param2, stop});
