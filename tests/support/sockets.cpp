@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -135,9 +136,10 @@ bool recv_exact(int fd, void *buf, size_t len, int timeout_ms)
 bool wait_peer_closed(int fd, int timeout_ms, std::vector<uint8_t> *data)
 {
     const int64_t deadline = now_ms() + timeout_ms;
-    for (;;) {
+    // Looks at least once, so a time-out of 0 tells whether the peer has closed already.
+    for (bool first = true;; first = false) {
         const int64_t left = deadline - now_ms();
-        if (left <= 0 || !wait_readable(fd, static_cast<int>(left))) return false;
+        if ((left <= 0 && !first) || !wait_readable(fd, static_cast<int>(std::max<int64_t>(0, left)))) return false;
         uint8_t buf[4096];
         ssize_t n = recv(fd, buf, sizeof buf, 0);
         if (n == 0) return true;
