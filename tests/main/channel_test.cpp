@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "main/sim_fixture.h"
+#include "support/sockets.h"
 
 namespace {
 
+using cgtest::bytes_of;
 using cgtest::ChannelTest;
 using cgtest::now_ms;
 using cgtest::wait_until;
@@ -47,13 +49,6 @@ void clear_pushes()
 bool wait_pushes(size_t n, int timeout_ms)
 {
     return wait_until([n] { return pushes().size() >= n; }, timeout_ms);
-}
-
-template <class T>
-std::vector<uint8_t> bytes_of(const T &rec)
-{
-    const auto *p = reinterpret_cast<const uint8_t *>(&rec);
-    return std::vector<uint8_t>(p, p + sizeof rec);
 }
 
 // A blocking request run on another thread, for answers the test sends by hand.
@@ -301,26 +296,6 @@ TEST_F(ChannelTest, ReconnectsEveryFiveSecondsAndRequestsFailMeanwhile)
     EXPECT_GE(back, 4500);
     EXPECT_LE(back, 7000);
     ASSERT_TRUE(wait_until([] { return socket_client_cmd_status() == SOCKET_STATUS_CONNECT; }, 2000));
-    EXPECT_EQ(socket_client_cmd_Read(ZQ_GETNETWORK, nullptr, 0, &net, &len, sizeof net), 0);
-    EXPECT_EQ(len, 92);
-}
-
-TEST_F(ChannelTest, InitWithoutServerFailsAfterOneAttemptAndTheChannelConnectsLater)
-{
-    sim().stop();
-    int64_t t0 = now_ms();
-    EXPECT_EQ(socket_client_cmd_Init(SOCKET_THIRD_PARTY_PROTOCOL, nullptr), -1);
-    EXPECT_LT(now_ms() - t0, 1000);
-    EXPECT_EQ(socket_client_cmd_status(), SOCKET_STATUS_INIT) << "started, still trying";
-    t0 = now_ms();
-    for (int retry = 1; retry < 12; ++retry)
-        EXPECT_EQ(socket_client_cmd_Init(SOCKET_THIRD_PARTY_PROTOCOL, nullptr), -1);
-    EXPECT_LT(now_ms() - t0, 200) << "the further starts are refused at once";
-
-    ASSERT_TRUE(sim().start());
-    ASSERT_TRUE(wait_until([] { return socket_client_cmd_status() == SOCKET_STATUS_CONNECT; }, 7000));
-    NetworkConfig net{};
-    int len = 0;
     EXPECT_EQ(socket_client_cmd_Read(ZQ_GETNETWORK, nullptr, 0, &net, &len, sizeof net), 0);
     EXPECT_EQ(len, 92);
 }

@@ -1,5 +1,5 @@
 // The platform hook: the start-up read of the settings through the channel,
-// and the push callback's rules, directly and through the simulated server.
+// and the push callback's rules (the daemon test shows the pushes arriving).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,7 +12,6 @@
 namespace {
 
 using cgtest::ChannelTest;
-using cgtest::wait_until;
 
 NetworkProtocol protocol(uint8_t enable, uint8_t type, uint16_t port)
 {
@@ -219,38 +218,6 @@ TEST(TclCallback, StopPushFailsBothServicesAndAudioOtherWordsAreIgnored)
     EXPECT_EQ(g_tcl_info.udp_st, con_fail);
     EXPECT_EQ(g_tcl_info.audio_enable, 0);
     EXPECT_EQ(g_tcl_info.tcl_enable, 1) << "the switch itself is the settings' business";
-}
-
-TEST_F(TclHook, PushesFromTheServerReachTheStateOnTheReaderThread)
-{
-    connect();
-    socket_client_reg_callback_cmd_Read(TclCB, nullptr);
-    g_tcl_info.tcl_enable = 1;
-    g_tcl_info.tcl_port = 6258;
-
-    // The server tells its clients about a port change.
-    NetworkProtocol p = sim().get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
-    p.TclPort = 7010;
-    ASSERT_TRUE(sim().push(ZQ_PUSH_NETWORKPROTOCOL, &p, sizeof p));
-    ASSERT_TRUE(wait_until([] { return g_tcl_info.tcl_port == 7010u; }, 2000));
-    EXPECT_EQ(g_tcl_info.tcl_st, con_change_port);
-
-    // A client's set of the settings comes back to every client as a push.
-    p.ThirdPartyProtocolEnable = 0;
-    EXPECT_EQ(socket_client_cmd_Write(ZQ_SETNETWORKPROTOCOL, &p, sizeof p), 0);
-    ASSERT_TRUE(wait_until([] { return g_tcl_info.tcl_enable == 0; }, 2000));
-    EXPECT_EQ(g_tcl_info.tcl_st, con_fail);
-    EXPECT_EQ(sim().get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).ThirdPartyProtocolEnable, 0);
-
-    AlarmInfo alarm{};
-    alarm.AlarmType = 11;
-    ASSERT_TRUE(sim().push(ZQ_PUSH_ALARM, &alarm, sizeof alarm));
-    ASSERT_TRUE(wait_until(
-        [] {
-            std::lock_guard<std::mutex> lock(g_tcl_info.event_mutex);
-            return g_tcl_info.event_state.loss_mask[0] == 1;
-        },
-        2000));
 }
 
 }  // namespace

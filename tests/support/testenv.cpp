@@ -258,6 +258,18 @@ bool Process::wait_output(const std::string &text, int timeout_ms, int count) co
     return wait_until([&] { return count_output(text) >= count; }, timeout_ms, 10);
 }
 
+DaemonEnv DaemonEnv::in(const TempDir &dir, int sysserver_port)
+{
+    DaemonEnv env;
+    env.sysserver_port = sysserver_port;
+    env.shm_key = unique_ipc_key();
+    env.discovery_port = free_port_tcp_and_udp();
+    env.media_root = dir.file("media");
+    env.conf_dir = dir.file("conf");
+    env.shell_log = dir.file("shell.log");
+    return env;
+}
+
 std::map<std::string, std::string> DaemonEnv::to_env() const
 {
     std::map<std::string, std::string> env = extra;

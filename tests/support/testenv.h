@@ -97,6 +97,10 @@ class Process {
 
 // Wire environment of a daemon under test, filled from the simulators' ports.
 struct DaemonEnv {
+    // A unique frame-cache key, a free discovery port, and the media and
+    // configuration directories and the shell log under dir.
+    static DaemonEnv in(const TempDir &dir, int sysserver_port = 0);
+
     int sysserver_port = 0;
     key_t shm_key = 0;
     int discovery_port = 0;
