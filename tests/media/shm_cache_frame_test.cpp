@@ -31,24 +31,11 @@ int write(int idx, const std::string &bytes, int type, double ts = 0.0)
     return shm_cache_write_frame(idx, copy.data(), static_cast<int>(copy.size()), type, ts);
 }
 
-struct Read {
-    int ret;
-    int serial;
-    int size = -1;
-    int type = -1;
-    double ts = -1;
-    std::string data;
-};
+using Read = cgtest::CachedFrame;
 
 Read read(int idx, int selector, int buflen = 1 << 20)
 {
-    Read r{};
-    r.serial = selector;
-    std::vector<char> buf(static_cast<size_t>(buflen > 0 ? buflen : 1), '\x5a');
-    r.ret = shm_cache_read_frame(idx, &r.serial, buf.data(), buflen, &r.size, &r.type, &r.ts);
-    if (r.ret == 0) r.data.assign(buf.data(), static_cast<size_t>(r.size));
-    if (r.ret == CACHE_RET_BUF_TOO_SMALL && buf[0] != '\x5a') r.data = "copied";
-    return r;
+    return cgtest::read_cached(idx, selector, buflen);
 }
 
 class ShmCacheFrames : public ::testing::Test {

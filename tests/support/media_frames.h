@@ -46,6 +46,21 @@ int tagged_serial(const std::vector<uint8_t> &data, char tag);
 // given timestamp; the cache's result.
 int write_tagged(int idx, char tag, int serial, int size, int frametype, double timestamp);
 
+// One read of the frame cache: shm_cache_read_frame's result and out-fields,
+// and the frame's bytes (result 0), or "copied" when a frame too large for
+// the buffer left anything in it.
+struct CachedFrame {
+    int ret = 0;
+    int serial = 0;
+    int size = -1;
+    int type = -1;
+    double ts = -1;
+    std::string data;
+};
+CachedFrame read_cached(int idx, int selector, int buflen = 1 << 20);
+// The same, read again (bounded) while the frame is not written yet.
+CachedFrame read_when_written(int idx, int selector, int timeout_ms = 3000);
+
 // Connect to the client port and request the live stream of stream_index
 // (auth_id 0): the reply's cmd (0: accepted, with *session_id), or 1 when no
 // whole reply arrived. *fd keeps the connection.
