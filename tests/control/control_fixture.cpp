@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -145,6 +146,14 @@ sysd::Frame ControlConn::frame(uint16_t cmd, int n)
     sysd::Frame f;
     EXPECT_TRUE(sim().wait_for(cmd, 3000, &f, n)) << "no frame 0x" << std::hex << cmd;
     return f;
+}
+
+std::vector<uint16_t> ControlConn::sent(std::initializer_list<uint16_t> cmds)
+{
+    std::vector<uint16_t> out;
+    for (const sysd::Frame &f : sim().received())
+        if (std::find(cmds.begin(), cmds.end(), f.cmd) != cmds.end()) out.push_back(f.cmd);
+    return out;
 }
 
 bool ControlConn::ended(int *result)

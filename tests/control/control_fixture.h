@@ -75,6 +75,8 @@ class ControlConn : public ::testing::Test {
 
     // The data of the n-th frame with cmd the simulator received (fails the test when none came within 3 s).
     sysd::Frame frame(uint16_t cmd, int n = 1);
+    // The command words of the frames received so far that are among cmds, in order.
+    std::vector<uint16_t> sent(std::initializer_list<uint16_t> cmds);
 
     int client() const { return pair_.client.get(); }
     int session_id() const { return session_; }
