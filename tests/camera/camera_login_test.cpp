@@ -76,16 +76,6 @@ TEST(CameraLogin, DescriptionComesFromTheSettingsServer)
     EXPECT_EQ(f.data, std::vector<uint8_t>(6, 0));
     ASSERT_TRUE(cam.sim().wait_for(ZQ_GETDEVICEINFO, 2000, &f));
     EXPECT_EQ(f.data, std::vector<uint8_t>(8, 0));
-
-    // The tool shows the same.
-    cgtest::Process tool;
-    ASSERT_TRUE(tool.start(cgtest::bin_path("camgate"), {"login", "--port", std::to_string(cam.port())}));
-    int status = 0;
-    ASSERT_TRUE(tool.wait_exit(10000, &status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << tool.err();
-    EXPECT_TRUE(cgtest::has_line(tool.out(), "  serial number   " + std::string(31, 'D'))) << tool.out();
-    EXPECT_TRUE(cgtest::has_line(tool.out(), "  alarm inputs    4")) << tool.out();
-    EXPECT_TRUE(cgtest::has_line(tool.out(), "  alarm outputs   3")) << tool.out();
 }
 
 TEST(CameraLogin, FirstMessagesOnTheWire)

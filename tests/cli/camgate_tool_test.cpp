@@ -110,24 +110,6 @@ TEST_F(Tool, SessionLogsOutCleanlyOnSignals)
     }
 }
 
-TEST_F(Tool, SessionReportsADroppedSession)
-{
-    cgtest::Process p;
-    ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2"}));
-    ASSERT_TRUE(p.wait_output("heartbeat 1: ok", 5000)) << p.err();
-    // Switching the client protocol off ends every control session.
-    tcl_info *info = get_g_tcl_info();
-    info->tcl_enable = 0;
-    int status = 0;
-    const bool ended = p.wait_exit(5000, &status);
-    info->tcl_enable = 1;
-    ASSERT_TRUE(ended);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_NE(p.err().find("failed: the camera 127.0.0.1:" + port() + " closed the connection"), std::string::npos)
-        << p.err();
-    EXPECT_NE(p.err().find("about 12 s without heartbeats"), std::string::npos) << p.err();
-}
-
 TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
 {
     {
