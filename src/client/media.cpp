@@ -34,35 +34,11 @@ int ms_until(int64_t deadline)
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-std::string field(const char *p, size_t n)
-{
-    return std::string(p, wire_str_len(p, n));
-}
-
 std::string addr_text(const sockaddr_in &a)
 {
     char ip[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &a.sin_addr, ip, sizeof ip);
     return std::string(ip) + ":" + std::to_string(ntohs(a.sin_port));
-}
-
-// An IPv4 address for host (name or dotted text) and port.
-sockaddr_in resolve(const std::string &host, int port)
-{
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (inet_pton(AF_INET, host.c_str(), &addr.sin_addr) == 1) return addr;
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo *res = nullptr;
-    const int gai = getaddrinfo(host.c_str(), nullptr, &hints, &res);
-    if (gai != 0 || res == nullptr)
-        throw Error(ErrorKind::Resolve, "cannot resolve host \"" + host + "\": " + gai_strerror(gai));
-    addr.sin_addr = reinterpret_cast<const sockaddr_in *>(res->ai_addr)->sin_addr;
-    freeaddrinfo(res);
-    return addr;
 }
 
 // Owns a descriptor until released.
@@ -385,14 +361,19 @@ UdpPreview::UdpPreview(UdpPreview &&other) noexcept
 {
 }
 
-void UdpPreview::heartbeat()
+void UdpPreview::send_ctl(int32_t cmd, const char *what)
 {
     struct CG_PACKED {
         NEW_PACKET_HEADER head;
         TK_S32 id;
-    } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, sizeof(TK_S32)}, session_id_};
+    } msg{{TK_PROTO_MAGIC, cmd, sizeof(TK_S32)}, session_id_};
     if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
-        throw Error(ErrorKind::Io, "cannot send a heartbeat to " + peer_ + ": " + std::strerror(errno));
+        throw Error(ErrorKind::Io, std::string("cannot send ") + what + " to " + peer_ + ": " + std::strerror(errno));
+}
+
+void UdpPreview::heartbeat()
+{
+    send_ctl(TK_CMD_PREVIEW_HEARTBEAT, "a heartbeat");
 }
 
 bool UdpPreview::next(UdpFrame &frame, int timeout_ms)
@@ -405,12 +386,7 @@ bool UdpPreview::next(UdpFrame &frame, int timeout_ms)
 
 int UdpPreview::stop()
 {
-    struct CG_PACKED {
-        NEW_PACKET_HEADER head;
-        TK_S32 id;
-    } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, sizeof(TK_S32)}, session_id_};
-    if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
-        throw Error(ErrorKind::Io, "cannot send the stop to " + peer_ + ": " + std::strerror(errno));
+    send_ctl(TK_CMD_PREVIEW_STOP, "the stop");
     const int64_t deadline = now_ms() + timeout_ms_;
     for (;;) {
         pollfd p{ctl_fd_, POLLIN, 0};
