@@ -34,6 +34,18 @@ int ms_until(int64_t deadline)
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
+// Wait until fd is readable (true) or the deadline has passed (false); Io when poll fails.
+bool readable_before(int fd, int64_t deadline)
+{
+    for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        const int r = poll(&p, 1, ms_until(deadline));
+        if (r > 0) return true;
+        if (r == 0) return false;
+        if (errno != EINTR) throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
+    }
+}
+
 std::string addr_text(const sockaddr_in &a)
 {
     char ip[INET_ADDRSTRLEN] = "";
@@ -190,16 +202,10 @@ ActiveListener::~ActiveListener()
 PreviewStream ActiveListener::accept(int timeout_ms, int32_t session_id)
 {
     const int64_t deadline = now_ms() + timeout_ms;
-    for (;;) {
-        pollfd p{fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r > 0) break;
-        if (r == 0)
-            throw Error(ErrorKind::Timeout, "the camera did not connect to port " + std::to_string(port_) + " within " +
-                                                std::to_string(timeout_ms) +
-                                                " ms: can it reach this address, and is the port open?");
-        if (errno != EINTR) throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-    }
+    if (!readable_before(fd_, deadline))
+        throw Error(ErrorKind::Timeout, "the camera did not connect to port " + std::to_string(port_) + " within " +
+                                            std::to_string(timeout_ms) +
+                                            " ms: can it reach this address, and is the port open?");
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(fd_, reinterpret_cast<sockaddr *>(&peer), &len, SOCK_CLOEXEC);
@@ -273,14 +279,7 @@ std::vector<DiscoveredCamera> discover(const DiscoverOptions &opt)
     std::set<std::string> seen;
     std::vector<uint8_t> buf(kDatagramMax);
     const int64_t deadline = now_ms() + opt.timeout_ms;
-    for (;;) {
-        pollfd p{fd.fd, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r == 0) break;
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+    while (readable_before(fd.fd, deadline)) {
         sockaddr_in from{};
         socklen_t len = sizeof from;
         const ssize_t n =
@@ -389,13 +388,8 @@ int UdpPreview::stop()
     send_ctl(TK_CMD_PREVIEW_STOP, "the stop");
     const int64_t deadline = now_ms() + timeout_ms_;
     for (;;) {
-        pollfd p{ctl_fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r == 0) throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+        if (!readable_before(ctl_fd_, deadline))
+            throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
         NEW_PACKET_HEADER head;
         const ssize_t n = ::recv(ctl_fd_, &head, sizeof head, MSG_DONTWAIT);
         if (n < 0 && errno == ECONNREFUSED)
@@ -409,13 +403,7 @@ bool UdpPreview::pump(int64_t deadline_ms, std::vector<uint8_t> *answer)
 {
     for (;;) {
         if (answer == nullptr && !ready_.empty()) return true;
-        pollfd p{fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline_ms));
-        if (r == 0) return false;
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+        if (!readable_before(fd_, deadline_ms)) return false;
         sockaddr_in from{};
         socklen_t len = sizeof from;
         const ssize_t n =
