@@ -305,29 +305,3 @@ TEST_F(Netuser, KeepaliveShutsSilentSessionsOnly)
     netuser_remove_ctrl_session(z);
     netuser_remove_preview_session(v);
 }
-
-// Switching the client protocol off shuts every control and preview session
-// within a second; playback is not supervised.
-TEST_F(Netuser, KeepaliveShutsEverythingWhenProtocolIsOff)
-{
-    const USER_PRIVILEGE priv = all_rights();
-    cgtest::TcpPair &ctrl = conn(), &prev = conn(), &play = conn();
-    const int c = netuser_add_login_ctrl_session(ctrl.server.get(), "c", &priv, 0);
-    const int p = netuser_add_login_preview_session(c, "c", prev.server.get(), 0, 0);
-    const int q = netuser_add_login_play_session(c, "c", play.server.get());
-    ASSERT_TRUE(c != -1 && p != -1 && q != -1);
-
-    get_g_tcl_info()->tcl_enable = 0;
-    const int64_t off = cgtest::now_ms();
-    EXPECT_TRUE(cgtest::wait_peer_closed(ctrl.client.get(), 2000));
-    EXPECT_TRUE(cgtest::wait_peer_closed(prev.client.get(), 2000));
-    EXPECT_LE(cgtest::now_ms() - off, 1500);
-    EXPECT_FALSE(cgtest::wait_peer_closed(play.client.get(), 0));
-    int n = 0;
-    netuser_get_preview_sessions(nullptr, &n);
-    EXPECT_EQ(n, 0);
-    EXPECT_EQ(ctrl_session_count(), 0);
-    EXPECT_EQ(netuser_remove_ctrl_session(c), 0);  // already freed by the scan
-    netuser_remove_play_session(q);
-    get_g_tcl_info()->tcl_enable = 1;
-}
