@@ -50,16 +50,14 @@ Error closed_error(const std::string &peer)
     return Error(ErrorKind::Closed, "the camera " + peer + " closed the connection");
 }
 
-std::string field(const char *p, size_t n)
-{
-    return std::string(p, wire_str_len(p, n));
-}
-
 }  // namespace
 
-Connection::Connection(const std::string &host, int port, int timeout_ms)
-    : timeout_ms_(timeout_ms), peer_(host + ":" + std::to_string(port))
+sockaddr_in resolve(const std::string &host, int port)
 {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (inet_pton(AF_INET, host.c_str(), &addr.sin_addr) == 1) return addr;
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
@@ -67,11 +65,20 @@ Connection::Connection(const std::string &host, int port, int timeout_ms)
     const int gai = getaddrinfo(host.c_str(), nullptr, &hints, &res);
     if (gai != 0 || res == nullptr)
         throw Error(ErrorKind::Resolve, "cannot resolve host \"" + host + "\": " + gai_strerror(gai));
-    sockaddr_in addr{};
-    std::memcpy(&addr, res->ai_addr, sizeof addr);
+    addr.sin_addr = reinterpret_cast<const sockaddr_in *>(res->ai_addr)->sin_addr;
     freeaddrinfo(res);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
+    return addr;
+}
 
+std::string field(const char *p, size_t n)
+{
+    return std::string(p, wire_str_len(p, n));
+}
+
+Connection::Connection(const std::string &host, int port, int timeout_ms)
+    : timeout_ms_(timeout_ms), peer_(host + ":" + std::to_string(port))
+{
+    sockaddr_in addr = resolve(host, port);
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) throw Error(ErrorKind::Io, std::string("cannot make a socket: ") + std::strerror(errno));
     const int flags = fcntl(fd_, F_GETFL);

@@ -16,6 +16,8 @@
 //   s.logout();
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -53,6 +55,12 @@ class Error : public std::runtime_error {
     ErrorKind kind_;
     int code_;
 };
+
+// The IPv4 address of host (a name or dotted text) with port; Error (Resolve) when it has none.
+sockaddr_in resolve(const std::string &host, int port);
+
+// The text of a fixed field of n bytes that may lack its terminator.
+std::string field(const char *p, size_t n);
 
 // One message: the header's cmd (a command, or a result in a control reply) and the body.
 struct Message {

@@ -34,9 +34,16 @@ int ms_until(int64_t deadline)
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-std::string field(const char *p, size_t n)
+// Wait until fd is readable (true) or the deadline has passed (false); Io when poll fails.
+bool readable_before(int fd, int64_t deadline)
 {
-    return std::string(p, wire_str_len(p, n));
+    for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        const int r = poll(&p, 1, ms_until(deadline));
+        if (r > 0) return true;
+        if (r == 0) return false;
+        if (errno != EINTR) throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
+    }
 }
 
 std::string addr_text(const sockaddr_in &a)
@@ -44,25 +51,6 @@ std::string addr_text(const sockaddr_in &a)
     char ip[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &a.sin_addr, ip, sizeof ip);
     return std::string(ip) + ":" + std::to_string(ntohs(a.sin_port));
-}
-
-// An IPv4 address for host (name or dotted text) and port.
-sockaddr_in resolve(const std::string &host, int port)
-{
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (inet_pton(AF_INET, host.c_str(), &addr.sin_addr) == 1) return addr;
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo *res = nullptr;
-    const int gai = getaddrinfo(host.c_str(), nullptr, &hints, &res);
-    if (gai != 0 || res == nullptr)
-        throw Error(ErrorKind::Resolve, "cannot resolve host \"" + host + "\": " + gai_strerror(gai));
-    addr.sin_addr = reinterpret_cast<const sockaddr_in *>(res->ai_addr)->sin_addr;
-    freeaddrinfo(res);
-    return addr;
 }
 
 // Owns a descriptor until released.
@@ -214,16 +202,10 @@ ActiveListener::~ActiveListener()
 PreviewStream ActiveListener::accept(int timeout_ms, int32_t session_id)
 {
     const int64_t deadline = now_ms() + timeout_ms;
-    for (;;) {
-        pollfd p{fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r > 0) break;
-        if (r == 0)
-            throw Error(ErrorKind::Timeout, "the camera did not connect to port " + std::to_string(port_) + " within " +
-                                                std::to_string(timeout_ms) +
-                                                " ms: can it reach this address, and is the port open?");
-        if (errno != EINTR) throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-    }
+    if (!readable_before(fd_, deadline))
+        throw Error(ErrorKind::Timeout, "the camera did not connect to port " + std::to_string(port_) + " within " +
+                                            std::to_string(timeout_ms) +
+                                            " ms: can it reach this address, and is the port open?");
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(fd_, reinterpret_cast<sockaddr *>(&peer), &len, SOCK_CLOEXEC);
@@ -297,14 +279,7 @@ std::vector<DiscoveredCamera> discover(const DiscoverOptions &opt)
     std::set<std::string> seen;
     std::vector<uint8_t> buf(kDatagramMax);
     const int64_t deadline = now_ms() + opt.timeout_ms;
-    for (;;) {
-        pollfd p{fd.fd, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r == 0) break;
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+    while (readable_before(fd.fd, deadline)) {
         sockaddr_in from{};
         socklen_t len = sizeof from;
         const ssize_t n =
@@ -385,14 +360,19 @@ UdpPreview::UdpPreview(UdpPreview &&other) noexcept
 {
 }
 
-void UdpPreview::heartbeat()
+void UdpPreview::send_ctl(int32_t cmd, const char *what)
 {
     struct CG_PACKED {
         NEW_PACKET_HEADER head;
         TK_S32 id;
-    } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, sizeof(TK_S32)}, session_id_};
+    } msg{{TK_PROTO_MAGIC, cmd, sizeof(TK_S32)}, session_id_};
     if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
-        throw Error(ErrorKind::Io, "cannot send a heartbeat to " + peer_ + ": " + std::strerror(errno));
+        throw Error(ErrorKind::Io, std::string("cannot send ") + what + " to " + peer_ + ": " + std::strerror(errno));
+}
+
+void UdpPreview::heartbeat()
+{
+    send_ctl(TK_CMD_PREVIEW_HEARTBEAT, "a heartbeat");
 }
 
 bool UdpPreview::next(UdpFrame &frame, int timeout_ms)
@@ -405,21 +385,11 @@ bool UdpPreview::next(UdpFrame &frame, int timeout_ms)
 
 int UdpPreview::stop()
 {
-    struct CG_PACKED {
-        NEW_PACKET_HEADER head;
-        TK_S32 id;
-    } msg{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, sizeof(TK_S32)}, session_id_};
-    if (::send(ctl_fd_, &msg, sizeof msg, MSG_NOSIGNAL) < 0)
-        throw Error(ErrorKind::Io, "cannot send the stop to " + peer_ + ": " + std::strerror(errno));
+    send_ctl(TK_CMD_PREVIEW_STOP, "the stop");
     const int64_t deadline = now_ms() + timeout_ms_;
     for (;;) {
-        pollfd p{ctl_fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline));
-        if (r == 0) throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+        if (!readable_before(ctl_fd_, deadline))
+            throw Error(ErrorKind::Timeout, "no answer to the stop from the camera " + peer_);
         NEW_PACKET_HEADER head;
         const ssize_t n = ::recv(ctl_fd_, &head, sizeof head, MSG_DONTWAIT);
         if (n < 0 && errno == ECONNREFUSED)
@@ -433,13 +403,7 @@ bool UdpPreview::pump(int64_t deadline_ms, std::vector<uint8_t> *answer)
 {
     for (;;) {
         if (answer == nullptr && !ready_.empty()) return true;
-        pollfd p{fd_, POLLIN, 0};
-        const int r = poll(&p, 1, ms_until(deadline_ms));
-        if (r == 0) return false;
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            throw Error(ErrorKind::Io, std::string("poll failed: ") + std::strerror(errno));
-        }
+        if (!readable_before(fd_, deadline_ms)) return false;
         sockaddr_in from{};
         socklen_t len = sizeof from;
         const ssize_t n =

@@ -191,6 +191,8 @@ class UdpPreview {
     // otherwise as soon as a frame is ready. False on time-out.
     bool pump(int64_t deadline_ms, std::vector<uint8_t> *answer);
     void on_chunk(uint32_t index, const uint8_t *data, size_t len);
+    // Send cmd with the session id from the control socket; what names it in the error.
+    void send_ctl(int32_t cmd, const char *what);
     void finish_frame(bool whole);
 
     int fd_ = -1;       // the request, its answer and the stream

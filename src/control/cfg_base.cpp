@@ -81,8 +81,7 @@ int set_time(int fd, char *buf, int session_id)
     t.Day = st.tm_mday;
     t.Month = st.tm_mon;
     t.Year = static_cast<uint8_t>(st.tm_year - 1900);  // one byte: 2156 and later wrap
-    int setlen = 0;
-    socket_client_cmd_Read(ZQ_SETTIME, &t, sizeof t, nullptr, &setlen, 0);
+    socket_client_cmd_Set(ZQ_SETTIME, &t, sizeof t);
     DBG("cmd:set_time success!");
     const int r = control_reply_result(fd, TK_OK);
     netuser_write_log(session_id, LOG_TIME_SET, 0);
@@ -122,8 +121,7 @@ int set_date_format(int fd, char *buf)
                 break;
         }
         DBG("*datefm = %u,ret= %d, TimeType = %d", format, result, osd.TimeType);
-        int outlen = 0;
-        socket_client_cmd_Read(ZQ_SETVIDEOOSD, &osd, sizeof osd, nullptr, &outlen, 0);
+        socket_client_cmd_Set(ZQ_SETVIDEOOSD, &osd, sizeof osd);
     }
     return control_reply_result(fd, TK_OK);
 }

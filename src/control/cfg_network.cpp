@@ -65,12 +65,6 @@ int read_protocol(NetworkProtocol *proto)
     return read_protocol(req, proto, &outlen);
 }
 
-int write_record(uint16_t cmd, const void *rec, int len)
-{
-    int outlen = 0;
-    return socket_client_cmd_Read(cmd, rec, len, nullptr, &outlen, 0);
-}
-
 int read_time(DeviceTime *t)
 {
     DeviceTimeReq req{};
@@ -215,8 +209,8 @@ int net_set_comm_para(const NET_COMM_PARA *para)
     cfg.IPv4DNS = field_addr(para->dns_server1.ipv4);
     proto->HttpPort = para->web_port;
     proto->TclPort = para->tcp_port;
-    write_record(ZQ_SETNETWORK, &cfg, sizeof cfg);
-    return write_record(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
+    socket_client_cmd_Set(ZQ_SETNETWORK, &cfg, sizeof cfg);
+    return socket_client_cmd_Set(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
 }
 
 int net_get_ntp_para(NET_NTP_PARA *para)
@@ -241,7 +235,7 @@ int net_set_ntp_para(const NET_NTP_PARA *para)
     t.TimeZoneId = para->time_zone;
     log_ntp(para);
     // The whole record: the clock fields just read are written back with it.
-    write_record(ZQ_SETTIME, &t, sizeof t);
+    socket_client_cmd_Set(ZQ_SETTIME, &t, sizeof t);
     return 0;
 }
 
@@ -279,7 +273,7 @@ int net_set_email_para(const NET_EMAIL_PARA *para)
     copy_field(proto->SmtpName, para->user);
     copy_field(proto->SmtpPassword, para->passwd);
     log_email(*proto);
-    write_record(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
+    socket_client_cmd_Set(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
     return 0;
 }
 
@@ -305,7 +299,7 @@ int net_set_ftp_para(const NET_FTP_PARA *para)
     copy_field(proto->FtpPassword, para->passwd);
     copy_field(proto->FtpUploadPath, para->path);
     log_ftp(*proto);
-    write_record(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
+    socket_client_cmd_Set(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
     return 0;
 }
 
@@ -369,7 +363,7 @@ int net_set_ddns_para(const NET_DDNS_PARA *para)
     // Switched off after the strings have been stored in their slot.
     if (para->enable == 0) proto->DdnsProtocol = 0;
     log_ddns(proto->DdnsProtocol, para);
-    write_record(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
+    socket_client_cmd_Set(ZQ_SETNETWORKPROTOCOL, proto.get(), sizeof *proto);
     return 0;
 }
 

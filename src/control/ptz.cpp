@@ -15,20 +15,13 @@ constexpr uint8_t kWiperPreset = 101;  // the wiper is worked through this reser
 constexpr uint32_t kTourNodeDelay = 2;
 constexpr size_t kTourMaxBytes = sizeof(PtzTourInfo) + 255 * sizeof(PTZTourPreset);
 
-// Send a record and wait for the server's acknowledgement; its result is not looked at.
-void send_record(uint16_t cmd, const void *rec, size_t len)
-{
-    int outlen = 0;
-    socket_client_cmd_Read(cmd, rec, static_cast<int>(len), nullptr, &outlen, 0);
-}
-
 void send_preset(uint8_t operation, uint8_t preset)
 {
     PtzPreset p{};
     p.ChannelID = 0;
     p.Operation = operation;
     p.PresetId = preset;
-    send_record(ZQ_PTZPRESET, &p, sizeof p);
+    socket_client_cmd_Set(ZQ_PTZPRESET, &p, sizeof p);
 }
 
 int read_camera(CameraParam *cam)
@@ -70,7 +63,7 @@ void write_tour(const PtzTourInfo &head, const std::vector<PTZTourPreset> &nodes
     std::vector<uint8_t> out(sizeof head + nodes.size() * sizeof(PTZTourPreset));
     std::memcpy(out.data(), &head, sizeof head);
     if (!nodes.empty()) std::memcpy(out.data() + sizeof head, nodes.data(), nodes.size() * sizeof(PTZTourPreset));
-    send_record(ZQ_SETPTZTOUR, out.data(), out.size());
+    socket_client_cmd_Set(ZQ_SETPTZTOUR, out.data(), static_cast<int>(out.size()));
 }
 
 void send_zone(int ptz_cmd, uint8_t control_type, const PTZ_CMD_PACKAGE *p)
@@ -84,7 +77,7 @@ void send_zone(int ptz_cmd, uint8_t control_type, const PTZ_CMD_PACKAGE *p)
     if (p->stop != 0)
         stop_ptzcontrol();
     else
-        send_record(ZQ_PTZZONE, &zone, sizeof zone);
+        socket_client_cmd_Set(ZQ_PTZZONE, &zone, sizeof zone);
 }
 
 }  // namespace
@@ -102,7 +95,7 @@ int tcl_ptz_to_zq_ptz(int direction)
 void stop_ptzcontrol()
 {
     PTOperator op{};
-    send_record(ZQ_PTOPERATOR, &op, sizeof op);
+    socket_client_cmd_Set(ZQ_PTOPERATOR, &op, sizeof op);
 }
 
 void PrepareContinuousMoveBy2D(const PTOperator *op)
@@ -110,12 +103,12 @@ void PrepareContinuousMoveBy2D(const PTOperator *op)
     PTOperator out = *op;
     out.Speedx = static_cast<uint8_t>(std::min<int>(out.Speedx, kMaxPanSpeed));
     out.Speedy = static_cast<uint8_t>(std::min<int>(out.Speedy, kMaxPanSpeed));
-    send_record(ZQ_PTOPERATOR, &out, sizeof out);
+    socket_client_cmd_Set(ZQ_PTOPERATOR, &out, sizeof out);
 }
 
 void PrepareContinuousMoveBy1D(const CameraZoom *zoom)
 {
-    send_record(ZQ_CAMERAZOOM, zoom, sizeof *zoom);
+    socket_client_cmd_Set(ZQ_CAMERAZOOM, zoom, sizeof *zoom);
 }
 
 int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
@@ -160,7 +153,7 @@ int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
             af.AFStepLen = static_cast<uint16_t>(p.param2 * 100 / 7);
             DBG("AFArea = %d, AFStepLen = %d, parm1 = %u", af.AFArea, af.AFStepLen, p.param1);
             if (p.stop == 0)
-                send_record(ZQ_CAMERAAF, &af, sizeof af);
+                socket_client_cmd_Set(ZQ_CAMERAAF, &af, sizeof af);
             else if (p.stop == 1)
                 stop_ptzcontrol();
             break;
@@ -171,7 +164,7 @@ int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
             iris.ChannelID = 0;
             iris.IrisControl = p.ptz_cmd == PTZ_CTRL_IRIS_OPEN ? 1 : 0;
             if (p.stop == 0)
-                send_record(ZQ_CAMERAIRIS, &iris, sizeof iris);
+                socket_client_cmd_Set(ZQ_CAMERAIRIS, &iris, sizeof iris);
             else if (p.stop == 1)
                 stop_ptzcontrol();
             break;
@@ -183,7 +176,7 @@ int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
             zone.Speed = static_cast<uint8_t>(p.param2 * 255 / 7);
             DBG("Speed = %d, ZoneId = %d", zone.Speed, zone.ZoneId);
             if (p.stop == 0)
-                send_record(ZQ_PTZZONE, &zone, sizeof zone);
+                socket_client_cmd_Set(ZQ_PTZZONE, &zone, sizeof zone);
             else if (p.stop == 1)
                 stop_ptzcontrol();
             break;
@@ -201,7 +194,7 @@ int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
             read_camera(&cam);
             DBG("need alter  praram1 = %u", p.param1);
             cam.Light = static_cast<uint8_t>(p.param1);
-            send_record(ZQ_SETCAMERAPARAM, &cam, sizeof cam);
+            socket_client_cmd_Set(ZQ_SETCAMERAPARAM, &cam, sizeof cam);
             break;
         }
         case PTZ_CTRL_WIPER:
@@ -242,7 +235,7 @@ int ptz_control(const PTZ_CMD_PACKAGE *ptz_cmd)
             PtzTourReq req{};
             req.ChannelID = 0;
             req.TourId = static_cast<uint8_t>(p.param1);
-            send_record(ZQ_RUNPTZTOUR, &req, sizeof req);
+            socket_client_cmd_Set(ZQ_RUNPTZTOUR, &req, sizeof req);
             break;
         }
         case PTZ_CTRL_PAN_START:
@@ -337,6 +330,6 @@ int ptz_cfg_set_para(const PTZ_PARA *para)
     }
     cam.PtzAddress = para->decoder_addr;
     DBG("BaudRate = %u, Protocol = %d, Address = %d", cam.PtzBaudRate, cam.PtzProtocol, cam.PtzAddress);
-    send_record(ZQ_SETCAMERAPARAM, &cam, sizeof cam);
+    socket_client_cmd_Set(ZQ_SETCAMERAPARAM, &cam, sizeof cam);
     return 0;
 }

@@ -11,7 +11,9 @@ namespace {
 
 constexpr int kSegments = 4;  // segments of a day the client sees
 
-int read_record(RecordParam *rec)
+}  // namespace
+
+int recorder_read_param(RecordParam *rec)
 {
     RecordParamReq req{};
     std::memset(rec, 0, sizeof *rec);
@@ -19,12 +21,10 @@ int read_record(RecordParam *rec)
     return socket_client_cmd_Read(ZQ_GETRECORDPARAM, &req, sizeof req, rec, &outlen, sizeof *rec);
 }
 
-}  // namespace
-
 int recorder_get_schedule(REC_SCHE_PARA *sche_para)
 {
     auto rec = std::make_unique<RecordParam>();
-    read_record(rec.get());
+    recorder_read_param(rec.get());
     std::memset(sche_para, 0, sizeof *sche_para);
     for (int d = 0; d < 7; ++d) {
         const RecordDay &day = rec->TaskDayList[d];
@@ -44,7 +44,7 @@ int recorder_get_schedule(REC_SCHE_PARA *sche_para)
 int recorder_set_schedule(const REC_SCHE_PARA *sche_para)
 {
     auto rec = std::make_unique<RecordParam>();
-    read_record(rec.get());
+    recorder_read_param(rec.get());
     for (int d = 0; d < 7; ++d) {
         RecordDay &day = rec->TaskDayList[d];
         for (int j = 0; j < kSegments; ++j) {
@@ -57,8 +57,7 @@ int recorder_set_schedule(const REC_SCHE_PARA *sche_para)
             day.SegmentCount = kSegments;
         }
     }
-    int outlen = 0;
-    socket_client_cmd_Read(ZQ_SETRECORDPARAM, rec.get(), sizeof *rec, nullptr, &outlen, 0);
+    socket_client_cmd_Set(ZQ_SETRECORDPARAM, rec.get(), sizeof *rec);
     return 0;
 }
 

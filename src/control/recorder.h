@@ -3,6 +3,7 @@
 #pragma once
 
 #include "common/tk_proto.h"
+#include "common/zq_proto.h"
 
 // Fill sche_para (zeroed first): per day the start and end time of the
 // server's first four segments that it counts; type_mask 8 (timer) on all four
@@ -14,6 +15,9 @@ int recorder_get_schedule(REC_SCHE_PARA *sche_para);
 // Other segments leave the server's entry as it was; timer recording is never
 // switched off here. Returns 0.
 int recorder_set_schedule(const REC_SCHE_PARA *sche_para);
+
+// Read the system server's recording settings into *rec (zeroed first); the channel's result.
+int recorder_read_param(RecordParam *rec);
 
 // The pre-record time is fixed (5 s): does nothing, returns 0.
 int set_prerec_time(int ntime);

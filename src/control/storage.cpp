@@ -6,36 +6,28 @@
 #include "common/env.h"
 #include "common/log.h"
 #include "common/zq_proto.h"
+#include "control/recorder.h"
 #include "main/socketclientcmd.h"
 
 namespace {
 
 constexpr uint64_t kMiB = 1024 * 1024;  // the server gives the card's sizes in megabytes
 
-int read_record(RecordParam *rec)
-{
-    RecordParamReq req{};
-    std::memset(rec, 0, sizeof *rec);
-    int outlen = 0;
-    return socket_client_cmd_Read(ZQ_GETRECORDPARAM, &req, sizeof req, rec, &outlen, sizeof *rec);
-}
-
 }  // namespace
 
 int storage_get_overwrite_mode()
 {
     auto rec = std::make_unique<RecordParam>();
-    read_record(rec.get());
+    recorder_read_param(rec.get());
     return rec->LowSpaceMethod == 1 ? 1 : 0;
 }
 
 int storage_set_overwrite_mode(int mode)
 {
     auto rec = std::make_unique<RecordParam>();
-    read_record(rec.get());
+    recorder_read_param(rec.get());
     if (mode == 0 || mode == 1) rec->LowSpaceMethod = static_cast<uint8_t>(mode);
-    int outlen = 0;
-    socket_client_cmd_Read(ZQ_SETRECORDPARAM, rec.get(), sizeof *rec, nullptr, &outlen, 0);
+    socket_client_cmd_Set(ZQ_SETRECORDPARAM, rec.get(), sizeof *rec);
     return 0;
 }
 

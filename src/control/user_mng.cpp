@@ -29,8 +29,7 @@ int forward(int op, const USER_INFO *p_user)
     set_field(rec.UserPassword, passwd);
     DBG("%d:name = %s, password = %s", op, rec.UserName, rec.UserPassword);
     rec.Authority = static_cast<uint8_t>(user_mng_rights_to_authority(&p_user->privilege));
-    int outlen = 0;
-    socket_client_cmd_Read(ZQ_SETUSER, &rec, sizeof rec, nullptr, &outlen, 0);
+    socket_client_cmd_Set(ZQ_SETUSER, &rec, sizeof rec);
     return 0;
 }
 
@@ -134,7 +133,6 @@ int change_passwd(const char *pname, const char *p_old, const char *p_new)
     set_field(rec.UserPassword, p_new);
     rec.Authority = 0;
     DBG("%d:name = %s, p_old = %s, p_new = %s", rec.OperatorCammand, rec.UserName, p_old, rec.UserPassword);
-    int outlen = 0;
-    socket_client_cmd_Read(ZQ_SETUSER, &rec, sizeof rec, nullptr, &outlen, 0);
+    socket_client_cmd_Set(ZQ_SETUSER, &rec, sizeof rec);
     return 0;
 }

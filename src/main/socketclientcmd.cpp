@@ -455,6 +455,12 @@ int socket_client_cmd_Read(unsigned short shCmd, const void *pInData, int nInLen
     return ret;
 }
 
+int socket_client_cmd_Set(unsigned short shCmd, const void *pInData, int nInLen)
+{
+    int outlen = 0;
+    return socket_client_cmd_Read(shCmd, pInData, nInLen, nullptr, &outlen, 0);
+}
+
 int socket_client_cmd_Write(unsigned short shCmd, const void *pInData, int nInLen)
 {
     Channel &c = channel();

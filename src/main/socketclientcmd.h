@@ -33,6 +33,10 @@ int socket_client_cmd_Init(int nSocketDeviceId, const char *strIp);
 int socket_client_cmd_Read(unsigned short shCmd, const void *pInData, int nInLen, void *pOutData, int *pOutLen,
                            int nOutMax);
 
+// Blocking set: socket_client_cmd_Read without room for the answer, which is
+// awaited (at most 10 s) and not looked at; 0 sent, -1 not.
+int socket_client_cmd_Set(unsigned short shCmd, const void *pInData, int nInLen);
+
 // Notice: send shCmd with its data (param 0) without awaiting an answer; 0 sent, -1 not.
 int socket_client_cmd_Write(unsigned short shCmd, const void *pInData, int nInLen);
 

@@ -93,6 +93,28 @@ int rebuild_udp(bool port_change)
     return fd;
 }
 
+// Give server its first socket fd (bound to addr and port) and start routine
+// to serve it; 0, TK_ERR_SOCKET without a socket, TK_ERR_REFUSED without a thread.
+int start_server(SERVER_INFO *server, int fd, unsigned long addr, unsigned short port, void *(*routine)(void *))
+{
+    if (fd == -1) {
+        destroy_server_info(server);
+        return TK_ERR_SOCKET;
+    }
+    {
+        std::lock_guard<std::mutex> lock(server->rebuild_lock);
+        server->fd = fd;
+        server->local_addr = addr;
+        server->local_port = port;
+    }
+    if (!start_detached(routine, g_info)) {
+        close(fd);
+        destroy_server_info(server);
+        return TK_ERR_REFUSED;
+    }
+    return 0;
+}
+
 int make_discovery_fd(int broadcast)
 {
     return create_udp_fd(0, static_cast<unsigned short>(env_discovery_port()), broadcast);
@@ -333,41 +355,15 @@ int netctrl_init(tcl_info *info)
     init_server_info(&tcp_server);
     int fd = create_listen_fd(addr, port);
     info->tcp_fd = fd;
-    if (fd == -1) {
-        destroy_server_info(&tcp_server);
-        ERR("init_tcp_server error,errno = %d", errno);
-        return TK_ERR_SOCKET;
-    }
-    {
-        std::lock_guard<std::mutex> lock(tcp_server.rebuild_lock);
-        tcp_server.fd = fd;
-        tcp_server.local_addr = addr;
-        tcp_server.local_port = port;
-    }
-    if (!start_detached(tcp_listen_routine, info)) {
-        close(fd);
-        destroy_server_info(&tcp_server);
-        return TK_ERR_REFUSED;
-    }
+    if (fd == -1) ERR("init_tcp_server error,errno = %d", errno);
+    ret = start_server(&tcp_server, fd, addr, port, tcp_listen_routine);
+    if (ret != 0) return ret;
 
     init_server_info(&udp_server);
     fd = create_udp_fd(addr, port, 0);
     info->udp_fd = fd;
-    if (fd == -1) {
-        destroy_server_info(&udp_server);
-        return TK_ERR_SOCKET;
-    }
-    {
-        std::lock_guard<std::mutex> lock(udp_server.rebuild_lock);
-        udp_server.fd = fd;
-        udp_server.local_addr = addr;
-        udp_server.local_port = port;
-    }
-    if (!start_detached(udp_server_routine, info)) {
-        close(fd);
-        destroy_server_info(&udp_server);
-        return TK_ERR_REFUSED;
-    }
+    ret = start_server(&udp_server, fd, addr, port, udp_server_routine);
+    if (ret != 0) return ret;
 
     std::unique_ptr<UDP_SELECT_INFO> select_info(new (std::nothrow) UDP_SELECT_INFO);
     if (!select_info) return TK_ERR_REFUSED;

@@ -18,15 +18,6 @@
 
 namespace {
 
-// Run a program to its end (at most timeout_ms): its exit status, -1 when it did not end.
-int run(cgtest::Process &p, const std::string &program, const std::vector<std::string> &args, int timeout_ms = 15000)
-{
-    EXPECT_TRUE(p.start(program, args));
-    int status = 0;
-    if (!p.wait_exit(timeout_ms, &status)) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // The full path of a program on PATH, "" when there is none.
 std::string on_path(const std::string &name)
 {
@@ -72,9 +63,9 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
 
     // discover: the camera answers on its discovery port.
     cgtest::Process discover;
-    ASSERT_EQ(run(discover, camgate,
-                  {"discover", "--port", std::to_string(cam.discovery_port()), "--timeout", "1", "--json"}),
-              0)
+    ASSERT_EQ(
+        discover.run(camgate, {"discover", "--port", std::to_string(cam.discovery_port()), "--timeout", "1", "--json"}),
+        0)
         << discover.err();
     const std::string found = discover.out();
     EXPECT_NE(found.find("\"serial_no\": \"IPC0123456789\""), std::string::npos) << found;
@@ -82,8 +73,8 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
     EXPECT_NE(found.find("\"release_date\": \"2013-05-12 00:00:00\""), std::string::npos) << found;
     EXPECT_NE(found.find("\"tcp_port\": " + port + ","), std::string::npos) << found;
     cgtest::Process nobody;
-    EXPECT_EQ(run(nobody, camgate,
-                  {"discover", "--port", std::to_string(cgtest::free_port_tcp_and_udp()), "--timeout", "0.3"}),
+    EXPECT_EQ(nobody.run(camgate,
+                         {"discover", "--port", std::to_string(cgtest::free_port_tcp_and_udp()), "--timeout", "0.3"}),
               1);
     EXPECT_NE(nobody.err().find("no camera answered"), std::string::npos) << nobody.err();
 
@@ -92,7 +83,7 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
     const std::string video = dir.file("live.h264"), audio = dir.file("live.ulaw");
     cgtest::Process preview;
     ASSERT_EQ(
-        run(preview, camgate, {"preview", "--port", port, "--duration", "5", "-o", video, "--audio", audio, "--json"}),
+        preview.run(camgate, {"preview", "--port", port, "--duration", "5", "-o", video, "--audio", audio, "--json"}),
         0)
         << preview.err();
     const std::string summary = preview.out();
@@ -113,35 +104,33 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
         ADD_FAILURE() << "ffprobe and ffmpeg are needed (scripts/deps installs them)";
     } else {
         cgtest::Process probe;
-        ASSERT_EQ(run(probe, ffprobe,
-                      {"-v", "error", "-show_entries", "stream=codec_name,width,height,r_frame_rate", "-of",
-                       "default=noprint_wrappers=1", video}),
+        ASSERT_EQ(probe.run(ffprobe, {"-v", "error", "-show_entries", "stream=codec_name,width,height,r_frame_rate",
+                                      "-of", "default=noprint_wrappers=1", video}),
                   0)
             << probe.err();
         EXPECT_EQ(probe.out(), "codec_name=h264\nwidth=640\nheight=360\nr_frame_rate=25/1\n");
         EXPECT_EQ(probe.err(), "");
         cgtest::Process decode;
-        EXPECT_EQ(run(decode, ffmpeg, {"-v", "error", "-i", video, "-f", "null", "-"}), 0);
+        EXPECT_EQ(decode.run(ffmpeg, {"-v", "error", "-i", video, "-f", "null", "-"}), 0);
         EXPECT_EQ(decode.err(), "") << "decoding errors";
     }
 
     // active-preview: the camera connects back to the tool.
     cgtest::Process active;
-    ASSERT_EQ(run(active, camgate, {"active-preview", "--port", port, "--frames", "10", "--json"}), 0) << active.err();
+    ASSERT_EQ(active.run(camgate, {"active-preview", "--port", port, "--frames", "10", "--json"}), 0) << active.err();
     EXPECT_EQ(json_number(active.out(), "frames"), 10) << active.out();
     EXPECT_EQ(json_number(active.out(), "width"), 640);
     EXPECT_NE(active.err().find("the camera connected from 127.0.0.1:"), std::string::npos) << active.err();
 
     // udp-preview of the sub stream: whole key frames, the session stopped at the end.
     cgtest::Process udp;
-    ASSERT_EQ(run(udp, camgate, {"udp-preview", "--port", port, "--stream", "1", "--duration", "1", "--json"}), 0)
+    ASSERT_EQ(udp.run(camgate, {"udp-preview", "--port", port, "--stream", "1", "--duration", "1", "--json"}), 0)
         << udp.err();
     EXPECT_GT(json_number(udp.out(), "whole_frames"), 0) << udp.out();
     EXPECT_EQ(json_number(udp.out(), "stop_result"), 0);
 
     // A camera that is not there: a message that says what to check, status 1.
     cgtest::Process refused;
-    EXPECT_EQ(run(refused, camgate, {"preview", "--port", std::to_string(cgtest::free_tcp_port()), "--frames", "1"}),
-              1);
+    EXPECT_EQ(refused.run(camgate, {"preview", "--port", std::to_string(cgtest::free_tcp_port()), "--frames", "1"}), 1);
     EXPECT_NE(refused.err().find("connection refused"), std::string::npos) << refused.err();
 }

@@ -19,24 +19,16 @@
 
 namespace {
 
-int ctrl_count()
-{
-    int n = 0;
-    netuser_get_ctrl_sessions(nullptr, &n);
-    return n;
-}
+using cgtest::ctrl_session_count;
 
 class Tool : public ::testing::Test {
   protected:
     void SetUp() override { port_ = cgtest::front_end_port(); }
 
     // Run camgate with args to its end; the exit status (-1 when it did not end within 10 s).
-    int run(cgtest::Process &p, std::vector<std::string> args)
+    static int run(cgtest::Process &p, const std::vector<std::string> &args)
     {
-        EXPECT_TRUE(p.start(cgtest::bin_path("camgate"), args));
-        int status = 0;
-        if (!p.wait_exit(10000, &status)) return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return p.run(cgtest::bin_path("camgate"), args, 10000);
     }
 
     std::string port() const { return std::to_string(port_); }
@@ -62,7 +54,7 @@ TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
     EXPECT_TRUE(cgtest::has_line(out, "  serial number   -")) << out;
     EXPECT_NE(out.find("\nlogged out\n"), std::string::npos) << out;
     EXPECT_TRUE(p.err().empty()) << p.err();
-    EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
+    EXPECT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 0; }, 2000));
 }
 
 TEST_F(Tool, LoginJsonIsOneObject)
@@ -99,33 +91,15 @@ TEST_F(Tool, SessionLogsOutCleanlyOnSignals)
         cgtest::Process p;
         ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2", "--json"}));
         ASSERT_TRUE(p.wait_output("\"n\": 2", 5000)) << p.out() << p.err();
-        EXPECT_EQ(ctrl_count(), 1);
+        EXPECT_EQ(ctrl_session_count(), 1);
         kill(p.pid(), sig);
         int status = 0;
         ASSERT_TRUE(p.wait_exit(5000, &status));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
         const std::string why = sig == SIGINT ? "interrupted" : "terminated";
         EXPECT_NE(p.out().find(R"({"event": "logout", "reason": ")" + why + "\""), std::string::npos) << p.out();
-        EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
+        EXPECT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 0; }, 2000));
     }
-}
-
-TEST_F(Tool, SessionReportsADroppedSession)
-{
-    cgtest::Process p;
-    ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2"}));
-    ASSERT_TRUE(p.wait_output("heartbeat 1: ok", 5000)) << p.err();
-    // Switching the client protocol off ends every control session.
-    tcl_info *info = get_g_tcl_info();
-    info->tcl_enable = 0;
-    int status = 0;
-    const bool ended = p.wait_exit(5000, &status);
-    info->tcl_enable = 1;
-    ASSERT_TRUE(ended);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_NE(p.err().find("failed: the camera 127.0.0.1:" + port() + " closed the connection"), std::string::npos)
-        << p.err();
-    EXPECT_NE(p.err().find("about 12 s without heartbeats"), std::string::npos) << p.err();
 }
 
 TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
@@ -167,14 +141,11 @@ TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
 TEST_F(Tool, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
 {
     // A camera with the client protocol off closes the connection after the first header.
-    cgtest::Listener listener;
-    std::thread cam([&] {
-        cgtest::Fd fd = listener.accept(10000);
+    cgtest::ScriptedPeer cam([](int fd) {
         NEW_PACKET_HEADER h;
-        cgtest::recv_exact(fd.get(), &h, sizeof h);
+        cgtest::recv_exact(fd, &h, sizeof h);
     });
     cgtest::Process p;
-    EXPECT_EQ(run(p, {"login", "--port", std::to_string(listener.port())}), 1);
-    cam.join();
+    EXPECT_EQ(run(p, {"login", "--port", std::to_string(cam.port())}), 1);
     EXPECT_NE(p.err().find("closed the connection: is the client protocol enabled?"), std::string::npos) << p.err();
 }

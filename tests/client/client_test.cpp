@@ -1,145 +1,68 @@
-// The client library against the front end running in this process, and
-// against scripted fake cameras for the failures a real one rarely shows.
+// The client library against scripted cameras, for the failures a real one
+// rarely shows: silence, replies no camera sends, refusals in words, replies
+// of the wrong shape, and fields without their terminator.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
 
 #include <cstring>
 #include <functional>
-#include <memory>
-#include <thread>
 #include <vector>
 
 #include "client/client.h"
-#include "main/tcl_hook.h"
-#include "net/netuser.h"
-#include "support/front_end.h"
+#include "client/control.h"
 #include "support/sockets.h"
 #include "support/testenv.h"
 
+using camgate::client::Control;
 using camgate::client::Error;
 using camgate::client::ErrorKind;
 using camgate::client::Session;
 
 namespace {
 
-// A listener on a free loopback port whose first connection is handed to script.
-class FakeCamera {
-  public:
-    explicit FakeCamera(std::function<void(int fd)> script)
-    {
-        thread_ = std::thread([this, script] {
-            cgtest::Fd fd = listener_.accept(10000);
-            if (fd.valid()) script(fd.get());
-        });
-    }
-    ~FakeCamera()
-    {
-        listener_.shutdown();  // wakes accept when no one came
-        thread_.join();
-    }
-    int port() const { return listener_.port(); }
-
-  private:
-    cgtest::Listener listener_;
-    std::thread thread_;
-};
-
-// Expect fn to throw Error of kind; returns its message.
-std::string expect_error(const std::function<void()> &fn, ErrorKind kind)
+// The error fn throws (a failure of the test when it throws none).
+Error error_of(const std::function<void()> &fn)
 {
     try {
         fn();
     } catch (const Error &e) {
-        EXPECT_EQ(static_cast<int>(e.kind()), static_cast<int>(kind)) << e.what();
-        return e.what();
+        return e;
     }
     ADD_FAILURE() << "no error thrown";
-    return "";
-}
-
-int ctrl_count()
-{
-    int n = 0;
-    netuser_get_ctrl_sessions(nullptr, &n);
-    return n;
+    return Error(ErrorKind::Io, "none");
 }
 
 }  // namespace
 
-TEST(Client, LoginRequestsHeartbeatAndLogout)
-{
-    const int port = cgtest::front_end_port();
-    Session s("127.0.0.1", port, 3000);
-    const auto &info = s.login("operator", "pw");
-    EXPECT_TRUE(s.logged_in());
-    EXPECT_EQ(static_cast<uint32_t>(info.session_id) >> 24, 0u);
-    EXPECT_EQ(info.rights.opt_rights[RIGHT_REMOTE_TALK], 1);
-    EXPECT_EQ(info.rights.net_playback_right[63], 1);
-    EXPECT_EQ(info.device.video_chns, 1u);
-    EXPECT_EQ(info.device.netport_num, 1u);
-    EXPECT_EQ(info.device.serial_no, "");
-
-    s.heartbeat();
-    auto reply = s.request(0x30000, std::vector<uint8_t>{1, 2, 3});  // no such command
-    EXPECT_EQ(reply.result, -4);
-    EXPECT_FALSE(reply.ok());
-    EXPECT_TRUE(reply.body.empty());
-    EXPECT_EQ(ctrl_count(), 1);
-
-    s.logout();
-    EXPECT_FALSE(s.logged_in());
-    EXPECT_TRUE(cgtest::wait_until([] { return ctrl_count() == 0; }, 2000));
-    const std::string msg = expect_error([&] { s.heartbeat(); }, ErrorKind::Closed);
-    EXPECT_NE(msg.find("closed the connection"), std::string::npos) << msg;
-}
-
 TEST(Client, SilentCameraTimesOutInTime)
 {
-    FakeCamera cam([](int fd) { cgtest::wait_peer_closed(fd, 5000); });
+    cgtest::ScriptedPeer cam([](int fd) { cgtest::wait_peer_closed(fd, 5000); });
     Session s("127.0.0.1", cam.port(), 400);
     const int64_t start = cgtest::now_ms();
-    const std::string msg = expect_error([&] { s.login("admin", ""); }, ErrorKind::Timeout);
+    const Error e = error_of([&] { s.login("admin", ""); });
     const int64_t took = cgtest::now_ms() - start;
+    EXPECT_EQ(e.kind(), ErrorKind::Timeout);
     EXPECT_GE(took, 350);
     EXPECT_LT(took, 2000);
-    EXPECT_NE(msg.find("no answer from the camera"), std::string::npos) << msg;
+    EXPECT_NE(std::string(e.what()).find("no answer from the camera"), std::string::npos) << e.what();
 }
 
-TEST(Client, ForeignOrOversizedRepliesAreProtocolErrors)
+TEST(Client, ForeignOversizedOrMisshapenLoginRepliesAreProtocolErrors)
 {
-    {
-        FakeCamera cam([](int fd) {
-            NEW_PACKET_HEADER h;
-            cgtest::recv_exact(fd, &h, sizeof h);
-            const char http[] = "HTTP/1.0 400 Bad Request\r\n\r\n";
-            send(fd, http, sizeof http - 1, MSG_NOSIGNAL);
-            cgtest::wait_peer_closed(fd, 2000);
-        });
-        Session s("127.0.0.1", cam.port(), 2000);
-        expect_error([&] { s.login("admin", ""); }, ErrorKind::Protocol);
-    }
-    {
-        FakeCamera cam([](int fd) {
-            NEW_PACKET_HEADER h;
-            cgtest::recv_exact(fd, &h, sizeof h);
-            NEW_PACKET_HEADER huge{TK_PROTO_MAGIC, 0, 0x7FFFFFFF};
-            send(fd, &huge, sizeof huge, MSG_NOSIGNAL);
-            cgtest::wait_peer_closed(fd, 2000);
-        });
-        Session s("127.0.0.1", cam.port(), 2000);
-        expect_error([&] { s.login("admin", ""); }, ErrorKind::Protocol);
-    }
-    {
-        // A login reply of the wrong size.
-        FakeCamera cam([](int fd) {
-            uint8_t req[12 + 32];
+    const std::string replies[] = {
+        "HTTP/1.0 400 Bad Request\r\n\r\n", cgtest::header_bytes(0, 0x7FFFFFFF),
+        cgtest::header_bytes(0, 4) + "abcd",  // a login reply of the wrong size
+    };
+    for (const std::string &reply : replies) {
+        cgtest::ScriptedPeer cam([&reply](int fd) {
+            uint8_t req[sizeof(NEW_PACKET_HEADER) + sizeof(NEW_PP_LOGIN_REQ)];
             cgtest::recv_exact(fd, req, sizeof req);
-            cgtest::send_message(fd, 0, "abcd", 4);
+            send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
             cgtest::wait_peer_closed(fd, 2000);
         });
         Session s("127.0.0.1", cam.port(), 2000);
-        expect_error([&] { s.login("admin", ""); }, ErrorKind::Protocol);
+        EXPECT_EQ(error_of([&] { s.login("admin", ""); }).kind(), ErrorKind::Protocol) << reply.size();
     }
 }
 
@@ -161,4 +84,57 @@ TEST(Client, DeviceInfoDecodesUnterminatedFields)
     EXPECT_EQ(d.alarmout_chns, 2u);
     EXPECT_EQ(d.version, 135u);
     EXPECT_EQ(d.support_mask, 0x11u);
+}
+
+TEST(ControlClient, ResultsAreExplainedInWords)
+{
+    using camgate::client::result_text;
+    EXPECT_EQ(result_text(TK_CMD_GET_NETWORK_CFG, -11), "refused: the user lacks the network settings right (-11)");
+    EXPECT_EQ(result_text(TK_CMD_GET_CAMERA_CFG, -11), "refused: the user lacks the recording settings right (-11)");
+    EXPECT_EQ(result_text(TK_CMD_PTZ_CONTROL, -11), "refused: the user lacks the PTZ control right (-11)");
+    EXPECT_EQ(result_text(TK_CMD_GET_ENC_CFG, -11), "refused: the user lacks the right for command 0x30040 (-11)");
+    EXPECT_EQ(result_text(0x30020, -4), "refused: the camera does not support command 0x30020 (-4)");
+    EXPECT_EQ(result_text(TK_CMD_SET_PTZ_CFG, -1), "the camera answered command 0x300a4 with error -1");
+}
+
+TEST(ControlClient, RefusalsAndMisshapenRepliesThrow)
+{
+    NET_COMM_PARA net{};
+    net.tcp_port = 6000;
+    std::vector<uint8_t> users(4 + sizeof(USER_INFO), 0);
+    users[0] = 2;  // claims two records, carries one
+    // Answer the login, then each request in turn with these results and bodies.
+    const std::vector<std::pair<int32_t, std::vector<uint8_t>>> answers = {
+        {TK_ERR_RIGHT, {}}, {0, cgtest::bytes_of(net)}, {0, std::vector<uint8_t>(10, 0)}, {0, users}};
+    std::vector<int32_t> requests;
+    cgtest::ScriptedPeer cam([&](int fd) {
+        NEW_PACKET_HEADER h{};
+        std::vector<uint8_t> body;
+        const NEW_PP_LOGIN_RSP rsp{};
+        if (!cgtest::recv_message(fd, &h, &body) || !cgtest::send_message(fd, 0, &rsp, sizeof rsp)) return;
+        for (const auto &a : answers) {
+            if (!cgtest::recv_message(fd, &h, &body)) return;
+            requests.push_back(h.cmd);
+            cgtest::send_message(fd, a.first, a.second.data(), a.second.size());
+        }
+        cgtest::wait_peer_closed(fd, 3000);
+    });
+    Session s("127.0.0.1", cam.port(), 3000);
+    s.login("admin", "");
+    Control c(s);
+
+    Error e = error_of([&] { c.get_network(); });
+    EXPECT_EQ(e.kind(), ErrorKind::Refused);
+    EXPECT_EQ(e.code(), -11);
+    EXPECT_STREQ(e.what(), "refused: the user lacks the network settings right (-11)");
+    // A refusal leaves the session usable.
+    EXPECT_EQ(c.get_network().tcp_port, 6000);
+    e = error_of([&] { c.get_time(); });
+    EXPECT_EQ(e.kind(), ErrorKind::Protocol);
+    EXPECT_NE(std::string(e.what()).find("has 10 bytes instead of 8"), std::string::npos) << e.what();
+    EXPECT_EQ(error_of([&] { c.users(); }).kind(), ErrorKind::Protocol);
+    s.connection().close();
+    cam.join();
+    EXPECT_EQ(requests, (std::vector<int32_t>{TK_CMD_GET_NETWORK_CFG, TK_CMD_GET_NETWORK_CFG, TK_CMD_GET_TIME,
+                                              TK_CMD_GET_ALL_USER}));
 }

@@ -48,42 +48,6 @@ int parse(const std::vector<uint8_t> &wire, MediaFrame *frame = nullptr)
     return -1;
 }
 
-cgtest::Fd udp_bound(int port = 0, bool shared = false)
-{
-    cgtest::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const int one = 1;
-    if (shared) {
-        setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-    }
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(shared ? INADDR_ANY : INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    return fd;
-}
-
-int port_of(int fd)
-{
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    return ntohs(a.sin_port);
-}
-
-bool recv_from(int fd, std::vector<uint8_t> *out, sockaddr_in *from, int timeout_ms = 3000)
-{
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) != 1) return false;
-    out->resize(2048);
-    socklen_t len = sizeof *from;
-    const ssize_t n = recvfrom(fd, out->data(), out->size(), 0, reinterpret_cast<sockaddr *>(from), &len);
-    if (n < 0) return false;
-    out->resize(static_cast<size_t>(n));
-    return true;
-}
-
 void send_chunk(int fd, const sockaddr_in &to, uint32_t index, const std::vector<uint8_t> &frame, size_t off,
                 size_t len)
 {
@@ -162,15 +126,15 @@ TEST(ClientStream, ReadsTheFramingAndRejectsWhatNoCameraSends)
 
 TEST(ClientUdpPreview, PutsKeyFramesTogetherFromTheirChunks)
 {
-    cgtest::Fd camera = udp_bound();    // the camera's client port
-    cgtest::Fd streamer = udp_bound();  // its streaming socket
+    cgtest::Fd camera = cgtest::udp_socket();    // the camera's client port
+    cgtest::Fd streamer = cgtest::udp_socket();  // its streaming socket
     const std::vector<uint8_t> a = frame_of(2500, 1), b = frame_of(3000, 2), c = frame_of(2048, 3),
                                d = frame_of(100, 4);
     std::vector<uint8_t> heard_beat, heard_stop;
     std::thread fake([&] {
         std::vector<uint8_t> req;
         sockaddr_in viewer{};
-        ASSERT_TRUE(recv_from(camera.get(), &req, &viewer));
+        ASSERT_TRUE(cgtest::recv_datagram(camera.get(), &req, 3000, &viewer));
         NEW_PACKET_HEADER h;
         NEW_PP_PERVIEW_REQ r;
         ASSERT_EQ(req.size(), sizeof h + sizeof r);
@@ -195,8 +159,8 @@ TEST(ClientUdpPreview, PutsKeyFramesTogetherFromTheirChunks)
         send_chunk(streamer.get(), viewer, 1, c, 1024, 1024);  // c: ends on a full chunk
         send_chunk(streamer.get(), viewer, 0, d, 0, 100);      // d: whole
         sockaddr_in from{};
-        ASSERT_TRUE(recv_from(camera.get(), &heard_beat, &from));
-        ASSERT_TRUE(recv_from(camera.get(), &heard_stop, &from));
+        ASSERT_TRUE(cgtest::recv_datagram(camera.get(), &heard_beat, 3000, &from));
+        ASSERT_TRUE(cgtest::recv_datagram(camera.get(), &heard_stop, 3000, &from));
         std::vector<uint8_t> stopped;
         append(stopped, NEW_PACKET_HEADER{TK_PROTO_MAGIC, 0, 0});
         sendto(camera.get(), stopped.data(), stopped.size(), 0, reinterpret_cast<sockaddr *>(&from), sizeof from);
@@ -206,7 +170,7 @@ TEST(ClientUdpPreview, PutsKeyFramesTogetherFromTheirChunks)
     req.auth_id = 0x01020304;
     req.stream_index = 1;
     req.protocol = PROTOCOL_TYPE_UDP;
-    camgate::client::UdpPreview udp("127.0.0.1", port_of(camera.get()), req, 3000);
+    camgate::client::UdpPreview udp("127.0.0.1", cgtest::local_port(camera.get()), req, 3000);
     EXPECT_EQ(udp.session_id(), 0x10ABCDEF);
     camgate::client::UdpFrame f;
     ASSERT_TRUE(udp.next(f, 3000));
@@ -240,12 +204,12 @@ TEST(ClientUdpPreview, PutsKeyFramesTogetherFromTheirChunks)
     std::thread refuse([&] {
         std::vector<uint8_t> req_bytes, answer;
         sockaddr_in viewer{};
-        ASSERT_TRUE(recv_from(camera.get(), &req_bytes, &viewer));
+        ASSERT_TRUE(cgtest::recv_datagram(camera.get(), &req_bytes, 3000, &viewer));
         append(answer, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_ERR_RIGHT, 0});
         sendto(camera.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&viewer), sizeof viewer);
     });
     try {
-        camgate::client::UdpPreview refused("127.0.0.1", port_of(camera.get()), req, 3000);
+        camgate::client::UdpPreview refused("127.0.0.1", cgtest::local_port(camera.get()), req, 3000);
         ADD_FAILURE() << "accepted";
     } catch (const Error &e) {
         EXPECT_EQ(e.kind(), ErrorKind::Refused);
@@ -258,11 +222,11 @@ TEST(ClientDiscover, CollectsEachCameraOnceUntilTheTimeOut)
 {
     const int port = cgtest::free_port_tcp_and_udp();
     // Two cameras on the discovery port; the first answers twice.
-    cgtest::Fd cam1 = udp_bound(port, true), cam2 = udp_bound(port, true);
+    cgtest::Fd cam1 = cgtest::udp_socket(port), cam2 = cgtest::udp_socket(port);
     auto answer = [&](int fd, const char *serial, const char *ip, int times) {
         std::vector<uint8_t> d;
         sockaddr_in from{};
-        while (recv_from(fd, &d, &from)) {
+        while (cgtest::recv_datagram(fd, &d, 3000, &from)) {
             NEW_PACKET_HEADER h;
             if (d.size() != sizeof h) continue;
             std::memcpy(&h, d.data(), sizeof h);

@@ -48,13 +48,10 @@ class SettingsCli : public ::testing::Test {
         args.push_back("--port");
         args.push_back(std::to_string(port != 0 ? port : cam_->port()));
         cgtest::Process p;
-        EXPECT_TRUE(p.start(cgtest::bin_path("camgate"), args));
-        int status = 0;
-        const bool done = p.wait_exit(10000, &status);
+        const int status = p.run(cgtest::bin_path("camgate"), args, 10000);
         if (out) *out = p.out();
         if (err) *err = p.err();
-        if (!done) return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
 
     // The settings server's state as saved in its state file.

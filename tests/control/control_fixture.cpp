@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -10,13 +11,13 @@
 #include "main/socketclientcmd.h"
 #include "main/tcl_hook.h"
 #include "net/netuser.h"
+#include "support/front_end.h"
 
 namespace cgtest {
 
 namespace {
 
 constexpr int kReplyWaitMs = 5000;
-constexpr uint32_t kMaxReplyBody = 4u << 20;
 
 struct ProcessEnv {
     TempDir dir;
@@ -77,22 +78,13 @@ USER_PRIVILEGE rights_with(std::initializer_list<int> rights)
     return p;
 }
 
-USER_PRIVILEGE all_rights()
-{
-    USER_PRIVILEGE p;
-    std::memset(&p, 1, sizeof p);
-    return p;
-}
-
 void ControlConn::SetUp()
 {
     sim().reset_behaviour();
     sim().reset_store();
     sim().clear_received();
-    tcl_info *info = get_g_tcl_info();
-    info->tcl_enable = 1;
-    info->tcl_st = con_suc;
-    ASSERT_EQ(netuser_init(), 0);
+    fresh_registry();
+    open();
 }
 
 void ControlConn::TearDown()
@@ -103,7 +95,7 @@ void ControlConn::TearDown()
     }
 }
 
-void ControlConn::open(const USER_PRIVILEGE &priv)
+void ControlConn::open(const USER_PRIVILEGE &priv, int timeout)
 {
     if (result_.valid()) {
         pair_.client.reset();
@@ -112,7 +104,7 @@ void ControlConn::open(const USER_PRIVILEGE &priv)
     pair_ = tcp_pair();
     ASSERT_TRUE(pair_.client.valid());
     priv_ = priv;
-    session_ = netuser_add_login_ctrl_session(pair_.server.get(), "tester", &priv_, NETUSER_LOGIN_TIMEOUT);
+    session_ = netuser_add_login_ctrl_session(pair_.server.get(), "tester", &priv_, timeout);
     ASSERT_NE(session_, -1);
     const int fd = pair_.server.get();
     const int id = session_;
@@ -133,21 +125,13 @@ CtrlReply ControlConn::read_reply()
 {
     CtrlReply r;
     NEW_PACKET_HEADER h{};
-    if (!recv_exact(client(), &h, sizeof h, kReplyWaitMs)) {
-        ADD_FAILURE() << "no reply header";
+    if (!recv_message(client(), &h, &r.body, kReplyWaitMs)) {
+        ADD_FAILURE() << "no whole reply";
         r.result = 12345;
         return r;
     }
     EXPECT_EQ(h.magic, TK_PROTO_MAGIC);
     r.result = h.cmd;
-    if (h.len > kMaxReplyBody) {
-        ADD_FAILURE() << "reply of " << h.len << " bytes";
-        return r;
-    }
-    r.body.resize(h.len);
-    if (h.len != 0) {
-        EXPECT_TRUE(recv_exact(client(), r.body.data(), h.len, kReplyWaitMs)) << "reply body cut short";
-    }
     return r;
 }
 
@@ -155,6 +139,21 @@ CtrlReply ControlConn::ask(int32_t cmd, const std::vector<uint8_t> &payload)
 {
     send_only(cmd, payload);
     return read_reply();
+}
+
+sysd::Frame ControlConn::frame(uint16_t cmd, int n)
+{
+    sysd::Frame f;
+    EXPECT_TRUE(sim().wait_for(cmd, 3000, &f, n)) << "no frame 0x" << std::hex << cmd;
+    return f;
+}
+
+std::vector<uint16_t> ControlConn::sent(std::initializer_list<uint16_t> cmds)
+{
+    std::vector<uint16_t> out;
+    for (const sysd::Frame &f : sim().received())
+        if (std::find(cmds.begin(), cmds.end(), f.cmd) != cmds.end()) out.push_back(f.cmd);
+    return out;
 }
 
 bool ControlConn::ended(int *result)

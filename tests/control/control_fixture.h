@@ -20,6 +20,7 @@
 
 #include "camgate-sysd/sysd_sim.h"
 #include "common/tk_proto.h"
+#include "net/netuser.h"
 #include "support/sockets.h"
 #include "support/testenv.h"
 
@@ -45,24 +46,17 @@ struct CtrlReply {
     }
 };
 
-template <class T>
-std::vector<uint8_t> bytes_of(const T &rec)
-{
-    const auto *p = reinterpret_cast<const uint8_t *>(&rec);
-    return std::vector<uint8_t>(p, p + sizeof rec);
-}
-
 // Rights with only the given operation rights (and every channel right).
 USER_PRIVILEGE rights_with(std::initializer_list<int> rights);
-USER_PRIVILEGE all_rights();
 
+// Each test starts with a connection of a session with every right (open()).
 class ControlConn : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 
     // Register a control session with these rights on a new connection and run control_routine on it.
-    void open(const USER_PRIVILEGE &priv = all_rights());
+    void open(const USER_PRIVILEGE &priv = all_rights(), int timeout = NETUSER_LOGIN_TIMEOUT);
     // Send a request and read its reply (header and body) within 5 s; fails the test otherwise.
     CtrlReply ask(int32_t cmd, const std::vector<uint8_t> &payload = {});
     template <class T>
@@ -78,6 +72,11 @@ class ControlConn : public ::testing::Test {
     bool ended(int *result);
     // True when the device closed the connection within 3 s, with no byte left unread.
     bool closed_cleanly();
+
+    // The data of the n-th frame with cmd the simulator received (fails the test when none came within 3 s).
+    sysd::Frame frame(uint16_t cmd, int n = 1);
+    // The command words of the frames received so far that are among cmds, in order.
+    std::vector<uint16_t> sent(std::initializer_list<uint16_t> cmds);
 
     int client() const { return pair_.client.get(); }
     int session_id() const { return session_; }

@@ -1,12 +1,17 @@
-// The dispatcher: rights by range, stale headers, unknown codes, the fixed
+// The control loop and its dispatcher: heartbeats, logout and the limits of
+// a request, rights by range, stale headers, unknown codes, the fixed
 // answers, configuration resets and the reboot.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+
+#include <thread>
 
 #include <string>
 #include <vector>
 
+#include "control/control.h"
 #include "control/control_fixture.h"
 #include "support/text.h"
 
@@ -39,6 +44,59 @@ struct RightCase {
 };
 
 }  // namespace
+
+TEST_F(ControlDispatch, HeartbeatAndLogout)
+{
+    CtrlReply r = ask(TK_CMD_HEARTBEAT);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_TRUE(r.body.empty());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ask(TK_CMD_LOGOUT).result, 0);
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -1);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(cgtest::has_line(out, "[[]oplog] * user=tester type=6 index=0")) << out;
+}
+
+TEST_F(ControlDispatch, RequestsAreReadWholeAndBounded)
+{
+    // A request that comes in pieces is one request.
+    NEW_PACKET_HEADER req{TK_PROTO_MAGIC, TK_CMD_HEARTBEAT, 3};
+    send(client(), &req, 5, MSG_NOSIGNAL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    send(client(), reinterpret_cast<char *>(&req) + 5, sizeof req - 5, MSG_NOSIGNAL);
+    send(client(), "abc", 3, MSG_NOSIGNAL);
+    EXPECT_EQ(read_reply().result, 0);
+
+    // A payload of exactly the work buffer is read and answered; one byte more
+    // ends the connection without a reply and without reading the payload.
+    EXPECT_EQ(ask(0x30000, std::vector<uint8_t>(CONTROL_BUF_SIZE, 0x5A)).result, TK_ERR_UNSUPPORTED);
+    req.len = CONTROL_BUF_SIZE + 1;
+    send(client(), &req, sizeof req, MSG_NOSIGNAL);
+    EXPECT_TRUE(closed_cleanly());
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+}
+
+TEST_F(ControlDispatch, AShortRequestOrARemovedSessionEndsTheLoop)
+{
+    const NEW_PACKET_HEADER req{TK_PROTO_MAGIC, TK_CMD_HEARTBEAT, 100};
+    send(client(), &req, sizeof req, MSG_NOSIGNAL);
+    send(client(), "short", 5, MSG_NOSIGNAL);
+    shutdown(client(), SHUT_WR);
+    int result = 0;
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+
+    // Ended from the registry's side: the keepalive or a removal shuts the socket down.
+    open();
+    ASSERT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
+    netuser_remove_ctrl_session(session_id());
+    EXPECT_TRUE(ended(&result));
+    EXPECT_EQ(result, -7);
+}
 
 TEST_F(ControlDispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
 {
@@ -105,7 +163,6 @@ TEST_F(ControlDispatch, RightsAreCheckedByRangeAndSomeRefusalsEndTheConnection)
 
 TEST_F(ControlDispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
 {
-    open();
     // Nothing built yet: result 0 without payload.
     CtrlReply r = ask(0x70010);
     EXPECT_EQ(r.result, 0);
@@ -145,12 +202,29 @@ TEST_F(ControlDispatch, StaleHeadersRepeatTheDispatchersPreviousReply)
 
 TEST_F(ControlDispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
 {
-    open();
     testing::internal::CaptureStdout();
-    for (int32_t cmd : std::vector<int32_t>{
-             0x30000,      0x30046, 0x30063, 0x30083, 0x30095, 0x300A6,           0x10001,
-             0xA0000,      -1,      0x30007, 0x30020, 0x30038, 0x30056,           0x30079,
-             TK_CMD_LOGIN, 0x40001, 0x70008, 0x7FFFF, 0x60001, TK_CMD_START_PLAY, TK_CMD_POS_PLAY_REQ}) {
+    for (int32_t cmd : std::vector<int32_t>{0x30000,
+                                            0x30046,
+                                            0x30063,
+                                            0x30083,
+                                            0x30095,
+                                            0x300A6,
+                                            0x10001,
+                                            0xA0000,
+                                            -1,
+                                            0x30007,
+                                            0x30008,
+                                            0x30020,
+                                            0x30038,
+                                            0x30056,
+                                            0x30079,
+                                            TK_CMD_LOGIN,
+                                            0x40001,
+                                            0x70008,
+                                            0x7FFFF,
+                                            0x60001,
+                                            TK_CMD_START_PLAY,
+                                            TK_CMD_POS_PLAY_REQ}) {
         const CtrlReply r = ask(cmd, {9, 9, 9, 9});
         EXPECT_EQ(r.result, TK_ERR_UNSUPPORTED) << std::hex << cmd;
         EXPECT_TRUE(r.body.empty());
@@ -164,50 +238,54 @@ TEST_F(ControlDispatch, UnknownCodesAnswerMinusFourAndTheConnectionStays)
     EXPECT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
 }
 
+// Answers of fixed content (zeroed records of the protocol's sizes); none of them reads the clock or writes a setting.
 TEST_F(ControlDispatch, FixedAnswersAndEmptySearches)
 {
-    open();
-    // Record mode 1 and pre-record time 5, whatever was set.
-    EXPECT_EQ(ask(TK_CMD_SET_RECORD_MODE, {0, 0, 0, 0}).result, 0);
-    CtrlReply r = ask(TK_CMD_GET_RECORD_MODE);
-    ASSERT_EQ(r.body.size(), 8u);
-    EXPECT_EQ(r.as<uint32_t>(0), 1u);
-    EXPECT_EQ(r.as<uint32_t>(4), 1u);
-    EXPECT_EQ(ask(TK_CMD_SET_PRERECORD_TIME, {9, 0, 0, 0}).result, 0);
-    r = ask(TK_CMD_GET_PRERECORD_TIME);
-    ASSERT_EQ(r.body.size(), 4u);
-    EXPECT_EQ(r.as<uint32_t>(), 5u);
-
-    r = ask(TK_CMD_GET_REMOTE_INFO);
-    ASSERT_EQ(r.body.size(), 128u);
-    EXPECT_EQ(r.body[0], 2);
-    EXPECT_EQ(std::count(r.body.begin(), r.body.end(), 0), 127);
-
-    TK_SEARCH_REQ req{};
-    req.start_time = {0, 1, 1, 2012};
-    req.end_time = {86399999, 31, 12, 2030};
-    for (int32_t cmd : {TK_CMD_SEARCH_REC_FILE, TK_CMD_SEARCH_JPG_FILE}) {
-        r = ask_rec(cmd, req);
-        EXPECT_EQ(r.result, 0);
-        ASSERT_EQ(r.body.size(), 4u);
-        EXPECT_EQ(r.as<uint32_t>(), 0u);
+    // A count word and count zeroed records of size bytes.
+    auto zeroed = [](uint8_t count, size_t size) {
+        std::vector<uint8_t> b(4 + count * size, 0);
+        b[0] = count;
+        return b;
+    };
+    std::vector<uint8_t> remote_info(128, 0), roi = zeroed(1, sizeof(ENC_ROI_PARA));
+    remote_info[0] = 2;
+    roi[4] = 4;  // max_regions
+    TK_SEARCH_REQ search{};
+    search.start_time = {0, 1, 1, 2012};
+    search.end_time = {86399999, 31, 12, 2030};
+    const struct {
+        int32_t cmd;
+        std::vector<uint8_t> payload, answer;
+    } cases[] = {
+        {TK_CMD_SET_RECORD_MODE, {0, 0, 0, 0}, {}},
+        {TK_CMD_GET_RECORD_MODE, {}, {1, 0, 0, 0, 1, 0, 0, 0}},  // record mode 1, whatever was set
+        {TK_CMD_SET_PRERECORD_TIME, {9, 0, 0, 0}, {}},
+        {TK_CMD_GET_PRERECORD_TIME, {}, {5, 0, 0, 0}},
+        {TK_CMD_GET_REMOTE_INFO, {}, remote_info},
+        {TK_CMD_SEARCH_REC_FILE, cgtest::bytes_of(search), {0, 0, 0, 0}},
+        {TK_CMD_SEARCH_JPG_FILE, cgtest::bytes_of(search), {0, 0, 0, 0}},
+        {TK_CMD_GET_ENC_ROI_CFG, {}, roi},
+        {TK_CMD_GET_ALARMOUT_MODE, {}, {1, 0, 0, 0, 0, 0, 0, 0}},
+        {TK_CMD_GET_ALARM_DETECT_CFG, {}, zeroed(2, TK_ALARM_DETECT_PARA_SIZE)},  // one per alarm input
+        {TK_CMD_GET_VIDEO_DETECT_CFG, {}, zeroed(1, TK_VIDEO_DETECT_PARA_SIZE)},
+        {TK_CMD_GET_EXCEPTION_DETECT_CFG, {}, std::vector<uint8_t>(TK_EXCEPTION_PARA_SIZE, 0)},
+        {TK_CMD_GET_CAMERA_CFG, {}, zeroed(1, TK_CAMERA_PARA_SIZE)},
+        {TK_CMD_GET_DST_CFG, {}, std::vector<uint8_t>(sizeof(DST_PARA), 0)},
+        {TK_CMD_SET_DST_CFG, std::vector<uint8_t>(44, 1), {}},
+        {TK_CMD_RESET_BASE_CFG, {}, {}},
+        {TK_CMD_GET_PPPOE_CFG, {}, std::vector<uint8_t>(sizeof(NET_PPPOE_PARA), 0)},
+        {TK_CMD_SET_PPPOE_CFG, std::vector<uint8_t>(132, 1), {}},
+        {0x3001D, {}, {}},
+        {0x30023, {}, {}},
+    };
+    for (const auto &c : cases) {
+        const CtrlReply r = ask(c.cmd, c.payload);
+        EXPECT_EQ(r.result, 0) << std::hex << c.cmd;
+        EXPECT_EQ(r.body, c.answer) << std::hex << c.cmd;
     }
-
-    // The ROI record is fixed; the alarm output mode is one zeroed word.
-    r = ask(TK_CMD_GET_ENC_ROI_CFG);
-    ASSERT_EQ(r.body.size(), 4 + sizeof(ENC_ROI_PARA));
-    const auto roi = r.as<ENC_ROI_PARA>(4);
-    EXPECT_EQ(roi.max_regions, 4u);
-    EXPECT_EQ(roi.region_count, 0u);
-    r = ask(TK_CMD_GET_ALARMOUT_MODE);
-    EXPECT_EQ(r.body, (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 0, 0}));
-    // One zeroed alarm record per alarm input the server reports (two by default).
-    r = ask(TK_CMD_GET_ALARM_DETECT_CFG);
-    ASSERT_EQ(r.body.size(), 4u + 2 * TK_ALARM_DETECT_PARA_SIZE);
-    EXPECT_EQ(r.as<uint32_t>(), 2u);
-    EXPECT_EQ(ask(TK_CMD_GET_VIDEO_DETECT_CFG).body.size(), 4u + TK_VIDEO_DETECT_PARA_SIZE);
-    EXPECT_EQ(ask(TK_CMD_GET_EXCEPTION_DETECT_CFG).body.size(), static_cast<size_t>(TK_EXCEPTION_PARA_SIZE));
-    EXPECT_EQ(ask(TK_CMD_GET_CAMERA_CFG).body.size(), 4u + TK_CAMERA_PARA_SIZE);
+    EXPECT_EQ(sim().count(ZQ_GETTIME) + sim().count(ZQ_SETTIME) + sim().count(ZQ_SETNETWORK) +
+                  sim().count(ZQ_SETNETWORKPROTOCOL),
+              0);
 }
 
 TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
@@ -216,7 +294,6 @@ TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
     for (const char *f : {"config_record.ini", "config_record_2.ini", "config_ptz.ini", "config_image.ini",
                           "config_encode.ini", "network.ini"})
         ASSERT_TRUE(cgtest::write_file(conf + "/" + f, "x"));
-    open();
     mark();
     testing::internal::CaptureStdout();
     const std::vector<std::pair<int32_t, const char *>> resets = {
@@ -251,7 +328,6 @@ TEST_F(ControlDispatch, ResetsRemoveTheirConfigurationFilesThroughTheShell)
 
 TEST_F(ControlDispatch, RebootAnswersFirstRunsTheShellAndAnswersAgain)
 {
-    open();
     mark();
     testing::internal::CaptureStdout();
     CtrlReply r = ask(TK_CMD_REMOTE_REBOOT);

@@ -20,21 +20,7 @@ using cgtest::bytes_of;
 using cgtest::CtrlReply;
 using cgtest::rights_with;
 
-class Records : public cgtest::ControlConn {
-  protected:
-    void SetUp() override
-    {
-        ControlConn::SetUp();
-        open();
-    }
-
-    sysd::Frame frame(uint16_t cmd, int n = 1)
-    {
-        sysd::Frame f;
-        EXPECT_TRUE(sim().wait_for(cmd, 3000, &f, n)) << "no frame 0x" << std::hex << cmd;
-        return f;
-    }
-};
+using Records = cgtest::ControlConn;
 
 ZQ_USER_ENTRY entry(const char *name, const char *password, uint8_t authority)
 {

@@ -10,51 +10,27 @@
 
 #include "camgate-encoder/encoder_sim.h"
 #include "media/shm_cache.h"
+#include "support/media_frames.h"
 #include "support/testenv.h"
 
 namespace {
 
 class EncoderProgram : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        key_ = cgtest::unique_ipc_key();
-        key_text_ = std::to_string(key_);
-        setenv("CAMGATE_SHM_KEY", key_text_.c_str(), 1);  // for the reader in this process
-    }
-    void TearDown() override
-    {
-        shm_cache_reader_uninit();
-        cgtest::remove_ipc(key_);
-        unsetenv("CAMGATE_SHM_KEY");
-    }
-    // Exit status of the program run with args to its end (at most 10 s).
-    int run(const std::vector<std::string> &args, cgtest::Process *p)
-    {
-        EXPECT_TRUE(p->start(cgtest::bin_path("camgate-encoder"), args));
-        int status = -1;
-        EXPECT_TRUE(p->wait_exit(10000, &status));
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
     // Attach as the daemon does and read the newest key frame of a stream.
     bool read_key_frame(int stream, encoder::SyntheticFrame *sf)
     {
-        std::vector<char> buf(1 << 16);
         return cgtest::wait_until(
             [&] {
                 if (shm_cache_reader_init() != 0) return false;
-                int serial = CACHE_SEL_NEWEST_GOP, size = 0, type = 0;
-                double ts = 0;
-                if (shm_cache_read_frame(stream, &serial, buf.data(), static_cast<int>(buf.size()), &size, &type,
-                                         &ts) != 0)
-                    return false;
-                return encoder::parse_synthetic_frame(buf.data(), static_cast<size_t>(size), sf);
+                const cgtest::CachedFrame f = cgtest::read_cached(stream, CACHE_SEL_NEWEST_GOP);
+                return f.ret == 0 && encoder::parse_synthetic_frame(f.data.data(), f.data.size(), sf);
             },
             5000, 20);
     }
 
-    key_t key_ = 0;
-    std::string key_text_;
+    const cgtest::CacheKey key_;  // also for the reader in this process
+    const std::string key_text_ = key_.text();
 };
 
 TEST_F(EncoderProgram, RunsUntilTerminatedThenRemovesTheCache)
@@ -76,7 +52,7 @@ TEST_F(EncoderProgram, RunsUntilTerminatedThenRemovesTheCache)
     const int status = p.stop(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_NE(p.out().find("cache removed"), std::string::npos) << p.out();
-    EXPECT_LT(shmget(key_, 0, 0), 0) << "the segment is gone";
+    EXPECT_LT(shmget(key_.key(), 0, 0), 0) << "the segment is gone";
 }
 
 TEST_F(EncoderProgram, PausedUntilSignalled)
@@ -87,10 +63,7 @@ TEST_F(EncoderProgram, PausedUntilSignalled)
                          "--no-snapshot", "--paused", "--stats", "0"}));
     ASSERT_TRUE(p.wait_output("created, paused", 5000)) << p.out() << p.err();
     ASSERT_TRUE(cgtest::wait_until([] { return shm_cache_reader_init() == 0; }, 3000));
-    char buf[16];
-    int serial = CACHE_SEL_NEWEST, size = 0, type = 0;
-    double ts = 0;
-    EXPECT_EQ(shm_cache_read_frame(0, &serial, buf, sizeof buf, &size, &type, &ts), CACHE_RET_NO_FRAME);
+    EXPECT_EQ(cgtest::read_cached(0, CACHE_SEL_NEWEST).ret, CACHE_RET_NO_FRAME);
     ASSERT_EQ(kill(p.pid(), SIGUSR1), 0);
     ASSERT_TRUE(p.wait_output("camgate-encoder: writing", 3000));
     encoder::SyntheticFrame sf;
@@ -111,19 +84,20 @@ TEST_F(EncoderProgram, OptionErrorsAndHelp)
         {{"--size", "big"}, 2, "--size wants WxH"},
         {{"--key"}, 2, "--key wants a value"},
         {{"--synthetic", "--clip", "x.h264"}, 2, "exclude each other"},
-        {{"--clip", "/nonexistent/clip.h264"}, 1, "No such file"},
-        {{"--synthetic", "--size", "641x360"}, 1, "even"},
+        {{"--clip", "/nonexistent/clip.h264"},
+         1,
+         "No such file"},  // the simulator's refusals, as the program reports them
     };
     for (const Case &c : cases) {
         cgtest::Process p;
         std::vector<std::string> args = c.args;
         args.insert(args.begin(), {"--key", key_text_});
-        EXPECT_EQ(run(args, &p), c.status) << c.says;
+        EXPECT_EQ(p.run(cgtest::bin_path("camgate-encoder"), args), c.status) << c.says;
         EXPECT_NE(p.err().find(c.says), std::string::npos) << p.err();
-        EXPECT_LT(shmget(key_, 0, 0), 0) << c.says;
+        EXPECT_LT(shmget(key_.key(), 0, 0), 0) << c.says;
     }
     cgtest::Process help;
-    EXPECT_EQ(run({"--help"}, &help), 0);
+    EXPECT_EQ(help.run(cgtest::bin_path("camgate-encoder"), {"--help"}), 0);
     EXPECT_NE(help.out().find("usage: camgate-encoder"), std::string::npos);
 }
 

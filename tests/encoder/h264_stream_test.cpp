@@ -18,63 +18,12 @@ std::vector<uint8_t> bytes(const std::string &s)
     return std::vector<uint8_t>(s.begin(), s.end());
 }
 
-// The NAL types of an access unit, and whether every unit sits behind a 4-byte start code.
-std::vector<int> nal_types(const AccessUnit &au, bool *all_four_byte)
-{
-    std::vector<int> types;
-    *all_four_byte = true;
-    for (const encoder::NalUnit &n : encoder::split_nal_units(au.bytes.data(), au.bytes.size())) {
-        types.push_back(n.type());
-        const size_t at = static_cast<size_t>(n.data - au.bytes.data());
-        if (at < 4 || au.bytes[at - 4] != 0) *all_four_byte = false;
-    }
-    return types;
-}
-
 std::vector<uint8_t> load(const std::string &path)
 {
     std::vector<uint8_t> data;
     std::string err;
     EXPECT_TRUE(encoder::read_whole_file(path, &data, &err)) << err;
     return data;
-}
-
-TEST(H264Stream, SampleClipsBecomeCameraFrames)
-{
-    struct Clip {
-        const char *file;
-        int width, height;
-    };
-    for (const Clip &clip : {Clip{"clip-640x360-25fps.h264", 640, 360}, Clip{"clip-320x180-25fps.h264", 320, 180}}) {
-        SCOPED_TRACE(clip.file);
-        const std::vector<uint8_t> data = load(encoder::sample_path(clip.file));
-        const std::vector<AccessUnit> aus = encoder::group_access_units(data.data(), data.size());
-        ASSERT_EQ(aus.size(), 250u) << "10 s at 25 fps";
-        size_t total = 0;
-        for (size_t i = 0; i < aus.size(); ++i) {
-            bool four = false;
-            const std::vector<int> types = nal_types(aus[i], &four);
-            EXPECT_TRUE(four) << "frame " << i << " has a 3-byte start code";
-            if (i % 25 == 0) {
-                EXPECT_EQ(aus[i].kind, AccessUnit::I) << i;
-                EXPECT_EQ(types, (std::vector<int>{7, 8, 5})) << "frame " << i;
-            } else {
-                EXPECT_EQ(aus[i].kind, AccessUnit::P) << i;
-                EXPECT_EQ(types, (std::vector<int>{1})) << "frame " << i;
-            }
-            total += aus[i].bytes.size();
-        }
-        // Nothing but start codes was added: one byte for each unit x264 wrote with a short code.
-        EXPECT_EQ(total, data.size() + 10) << "the IDR slices after their PPS got a fourth start-code byte";
-
-        encoder::SpsInfo sps;
-        const std::vector<encoder::NalUnit> first = encoder::split_nal_units(aus[0].bytes.data(), aus[0].bytes.size());
-        ASSERT_TRUE(encoder::parse_sps(first[0].data, first[0].size, &sps));
-        EXPECT_EQ(sps.profile_idc, 77);
-        EXPECT_EQ(sps.width, clip.width);
-        EXPECT_EQ(sps.height, clip.height);
-        EXPECT_DOUBLE_EQ(sps.fps, 25.0);
-    }
 }
 
 std::string nal(const char *start, const std::string &unit)

@@ -43,15 +43,7 @@ struct Daemon {
     cgtest::DaemonEnv env;
     Process proc;
 
-    explicit Daemon(int sysserver_port)
-    {
-        env.sysserver_port = sysserver_port;
-        env.shm_key = cgtest::unique_ipc_key();
-        env.discovery_port = cgtest::free_port_tcp_and_udp();
-        env.media_root = dir.file("media");
-        env.conf_dir = dir.file("conf");
-        env.shell_log = dir.file("shell.log");
-    }
+    explicit Daemon(int sysserver_port) : env(cgtest::DaemonEnv::in(dir, sysserver_port)) {}
     ~Daemon()
     {
         proc.stop();

@@ -1,21 +1,14 @@
 // In-process tests of the live-media pieces whose effect is hard to see on
-// the wire: the frame headers, the pacing arithmetic of the video loop, the
-// interface lookup behind the search reply, and the UDP handler's answers
-// that depend on the session registry.
+// the wire: the frame headers, the pacing arithmetic of the video loop and
+// the interface lookup behind the search reply.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <cctype>
-#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -23,10 +16,6 @@
 #include "media/preview.h"
 #include "media/shm_cache.h"
 #include "media/udp_preview.h"
-#include "net/netuser.h"
-#include "support/sockets.h"
-#include "support/testenv.h"
-#include "support/text.h"
 
 namespace {
 
@@ -141,92 +130,4 @@ TEST(LiveFraming, InterfaceLookupGivesTheMacAndAnAddressMadeOfItsLastFourBytes)
         std::to_string(b[2]) + "." + std::to_string(b[3]) + "." + std::to_string(b[4]) + "." + std::to_string(b[5]);
     EXPECT_EQ(std::string(ip), from_mac);
     EXPECT_EQ(std::string(mask), from_mac);
-}
-
-TEST(UdpHandler, AnswersOnItsSocketIgnoresJunkAndRefusesARebootDuringAnUpgrade)
-{
-    ASSERT_EQ(netuser_init(), 0);
-    cgtest::TempDir dir;
-    const std::string log = dir.file("shell.log");
-    setenv("CAMGATE_SHELL_LOG", log.c_str(), 1);
-
-    // The daemon's socket and a client's, both on loopback.
-    auto bound = [] {
-        cgtest::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-        const timeval tv{0, 100000};
-        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        return fd;
-    };
-    cgtest::Fd daemon = bound(), client = bound();
-    sockaddr_in to{};
-    socklen_t len = sizeof to;
-    getsockname(daemon.get(), reinterpret_cast<sockaddr *>(&to), &len);
-    auto send_raw = [&](const void *p, size_t n) {
-        ASSERT_EQ(sendto(client.get(), p, n, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), static_cast<ssize_t>(n));
-    };
-    auto send_cmd = [&](int32_t cmd) {
-        const NEW_PACKET_HEADER h{TK_PROTO_MAGIC, cmd, 0};
-        send_raw(&h, sizeof h);
-    };
-    auto answer = [&](std::string *out) {
-        char buf[64];
-        const ssize_t n = recv(client.get(), buf, sizeof buf, 0);
-        if (n < 0) return false;
-        out->assign(buf, static_cast<size_t>(n));
-        return true;
-    };
-
-    // Nothing to read: -8, errno saying it was the time-out.
-    errno = 0;
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), -8);
-    EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
-
-    // An empty datagram is echoed empty; a short one, a wrong magic and an unknown command are dropped.
-    std::string got;
-    send_raw("", 0);
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    ASSERT_TRUE(answer(&got));
-    EXPECT_TRUE(got.empty());
-    send_raw("QVRM", 4);
-    const NEW_PACKET_HEADER wrong{0x5156524D, TK_CMD_PROBE, 0};  // "MRVQ"
-    send_raw(&wrong, sizeof wrong);
-    send_cmd(0x7777);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    EXPECT_FALSE(answer(&got));
-
-    // A reboot while an upgrade session exists does nothing; without one it runs "reboot".
-    cgtest::TcpPair pair = cgtest::tcp_pair();
-    const int upgrade = netuser_add_login_upgrade_session(1, "installer", pair.server.get());
-    ASSERT_GE(upgrade, 0);
-    send_cmd(TK_CMD_REMOTE_REBOOT);
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    EXPECT_FALSE(cgtest::has_line(cgtest::read_file(log), "reboot"));
-    ASSERT_EQ(netuser_remove_upgrade_session(upgrade), 0);
-    send_cmd(TK_CMD_REMOTE_REBOOT);
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    EXPECT_EQ(cgtest::read_file(log), "reboot\n");
-    EXPECT_FALSE(answer(&got));
-
-    // Stop and heartbeat of a session that is not a preview: -2 for the stop, silence for the heartbeat.
-    const int32_t not_preview = 0x01000000;
-    struct CG_PACKED {
-        NEW_PACKET_HEADER h;
-        int32_t id;
-    } stop{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, 4}, not_preview},
-        beat{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, 4}, 0};
-    send_raw(&stop, sizeof stop);
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    ASSERT_TRUE(answer(&got));
-    NEW_PACKET_HEADER h;
-    ASSERT_EQ(got.size(), sizeof h);
-    std::memcpy(&h, got.data(), sizeof h);
-    EXPECT_EQ(h.cmd, TK_ERR_SESSION);
-    send_raw(&beat, sizeof beat);
-    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
-    EXPECT_FALSE(answer(&got));
-    unsetenv("CAMGATE_SHELL_LOG");
 }

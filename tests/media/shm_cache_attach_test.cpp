@@ -5,29 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <string>
-
 #include "media/cache_mng.h"
 #include "media/shm_cache.h"
-#include "support/testenv.h"
+#include "support/media_frames.h"
 
 namespace {
 
 class ShmCacheAttach : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        key_ = cgtest::unique_ipc_key();
-        setenv("CAMGATE_SHM_KEY", std::to_string(key_).c_str(), 1);
-    }
-    void TearDown() override
-    {
-        shm_cache_writer_uninit();
-        shm_cache_reader_uninit();
-        cgtest::remove_ipc(key_);
-        unsetenv("CAMGATE_SHM_KEY");
-    }
     static shm_cache_info_t two_video_snap_audio()
     {
         shm_cache_info_t info{};
@@ -40,7 +25,8 @@ class ShmCacheAttach : public ::testing::Test {
         info.audio_buf_size[0] = 8;
         return info;
     }
-    key_t key_ = 0;
+    const cgtest::CacheKey cache_;
+    const key_t key_ = cache_.key();
 };
 
 TEST_F(ShmCacheAttach, WriterLaysOutHeaderControlSlotsAndBuffers)

@@ -11,6 +11,7 @@
 
 #include "media/cache_mng.h"
 #include "media/shm_cache.h"
+#include "support/media_frames.h"
 #include "support/testenv.h"
 
 namespace {
@@ -30,40 +31,15 @@ int write(int idx, const std::string &bytes, int type, double ts = 0.0)
     return shm_cache_write_frame(idx, copy.data(), static_cast<int>(copy.size()), type, ts);
 }
 
-struct Read {
-    int ret;
-    int serial;
-    int size = -1;
-    int type = -1;
-    double ts = -1;
-    std::string data;
-};
+using Read = cgtest::CachedFrame;
 
 Read read(int idx, int selector, int buflen = 1 << 20)
 {
-    Read r{};
-    r.serial = selector;
-    std::vector<char> buf(static_cast<size_t>(buflen > 0 ? buflen : 1), '\x5a');
-    r.ret = shm_cache_read_frame(idx, &r.serial, buf.data(), buflen, &r.size, &r.type, &r.ts);
-    if (r.ret == 0) r.data.assign(buf.data(), static_cast<size_t>(r.size));
-    if (r.ret == CACHE_RET_BUF_TOO_SMALL && buf[0] != '\x5a') r.data = "copied";
-    return r;
+    return cgtest::read_cached(idx, selector, buflen);
 }
 
 class ShmCacheFrames : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        key_ = cgtest::unique_ipc_key();
-        setenv("CAMGATE_SHM_KEY", std::to_string(key_).c_str(), 1);
-    }
-    void TearDown() override
-    {
-        shm_cache_writer_uninit();
-        shm_cache_reader_uninit();
-        cgtest::remove_ipc(key_);
-        unsetenv("CAMGATE_SHM_KEY");
-    }
     // Video caches of the given sizes (K), then optionally a snapshot and an audio cache.
     void create(std::vector<int> video_k, bool audio = true)
     {
@@ -76,7 +52,8 @@ class ShmCacheFrames : public ::testing::Test {
         info.audio_buf_size[0] = 16;
         ASSERT_EQ(shm_cache_writer_init(&info), 0);
     }
-    key_t key_ = 0;
+    const cgtest::CacheKey cache_;
+    const key_t key_ = cache_.key();
 };
 
 TEST_F(ShmCacheFrames, ReadResults)

@@ -1,6 +1,7 @@
 // The datagrams of the real daemon: device search on the discovery port,
-// probe, echo and remote reboot, and UDP and multicast preview on the client
-// port. Search replies go to 127.255.255.255 and shell commands to the recorder.
+// probe, echo and UDP and multicast preview on the client port; and the
+// client port's handler in this process (junk, remote reboot). Search replies
+// go to 127.255.255.255 and shell commands to the recorder.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -17,7 +18,10 @@
 
 #include "client/client.h"
 #include "media/shm_cache.h"
+#include "media/udp_preview.h"
+#include "net/netuser.h"
 #include "support/camera_fixture.h"
+#include "support/front_end.h"
 #include "support/media_frames.h"
 #include "support/sockets.h"
 #include "support/testenv.h"
@@ -25,55 +29,8 @@
 
 namespace {
 
-sockaddr_in loopback(const char *addr, int port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, addr, &a.sin_addr);
-    return a;
-}
-
-// A UDP socket; bound to port on any address (shared, with broadcast) when port is given.
-cgtest::Fd udp_socket(int port = 0)
-{
-    cgtest::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const int one = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    const int rcvbuf = 1 << 20;
-    setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
-    sockaddr_in a = loopback("0.0.0.0", port);
-    if (port == 0) a = loopback("127.0.0.1", 0);
-    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    return fd;
-}
-
-void send_to(int fd, const char *addr, int port, int32_t cmd, const void *body = nullptr, size_t len = 0)
-{
-    std::vector<uint8_t> msg(12 + len);
-    const NEW_PACKET_HEADER head{TK_PROTO_MAGIC, cmd, static_cast<TK_U32>(len)};
-    std::memcpy(msg.data(), &head, sizeof head);
-    if (len) std::memcpy(msg.data() + 12, body, len);
-    const sockaddr_in to = loopback(addr, port);
-    ASSERT_EQ(sendto(fd, msg.data(), msg.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
-              static_cast<ssize_t>(msg.size()));
-}
-
-// The next datagram within timeout_ms (false on time-out); its sender in *from.
-bool recv_datagram(int fd, std::vector<uint8_t> *out, int timeout_ms, sockaddr_in *from = nullptr)
-{
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) != 1) return false;
-    out->resize(2048);
-    sockaddr_in f{};
-    socklen_t len = sizeof f;
-    const ssize_t n = recvfrom(fd, out->data(), out->size(), 0, reinterpret_cast<sockaddr *>(&f), &len);
-    if (n < 0) return false;
-    out->resize(static_cast<size_t>(n));
-    if (from) *from = f;
-    return true;
-}
+using cgtest::recv_datagram;
+using cgtest::send_datagram;
 
 // The next datagram of cmd within timeout_ms, skipping all others.
 bool recv_cmd(int fd, int32_t cmd, std::vector<uint8_t> *out, int timeout_ms)
@@ -97,8 +54,8 @@ struct CG_PACKED Search {
 // Broadcast a search from an ephemeral port; the reply heard on the discovery port.
 bool search(cgtest::Camera &cam, int listener, Search *reply, int *to_searcher = nullptr)
 {
-    cgtest::Fd searcher = udp_socket();
-    send_to(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_SEARCH_DEVICE);
+    cgtest::Fd searcher = cgtest::udp_socket();
+    send_datagram(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_SEARCH_DEVICE);
     std::vector<uint8_t> d;
     if (!recv_cmd(listener, TK_CMD_SEARCH_DEVICE_ACK, &d, 3000) || d.size() != sizeof *reply) return false;
     std::memcpy(reply, d.data(), sizeof *reply);
@@ -136,7 +93,7 @@ TEST(Discovery, TheSearchIsAnsweredByBroadcastWithTheCameraAndItsNetwork)
     proto.HttpPort = 8080;
     cam.sim().put(ZQ_GETNETWORKPROTOCOL, proto);
     ASSERT_TRUE(cam.start()) << cam.error();
-    cgtest::Fd listener = udp_socket(cam.discovery_port());
+    cgtest::Fd listener = cgtest::udp_socket(cam.discovery_port());
 
     TK_SEARCH_REPLY want{};
     wire_set_str(want.dev_info.serial_no, "CAM-TEST-0042");
@@ -180,42 +137,87 @@ TEST(Discovery, TheSearchIsAnsweredByBroadcastWithTheCameraAndItsNetwork)
     // Without the device information there is no answer at all: a probe sent
     // after the search is answered, the search never.
     cam.sim().set_canned_answer(ZQ_GETDEVICEINFO, {1});
-    cgtest::Fd searcher = udp_socket();
-    send_to(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_SEARCH_DEVICE);
-    send_to(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_PROBE);
+    cgtest::Fd searcher = cgtest::udp_socket();
+    send_datagram(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_SEARCH_DEVICE);
+    send_datagram(searcher.get(), "127.255.255.255", cam.discovery_port(), TK_CMD_PROBE);
     std::vector<uint8_t> d;
     ASSERT_TRUE(recv_cmd(searcher.get(), TK_CMD_PROBE_ACK, &d, 3000));
     EXPECT_EQ(d.size(), 12u);
     EXPECT_FALSE(recv_cmd(listener.get(), TK_CMD_SEARCH_DEVICE_ACK, &d, 200));
 }
 
-TEST(UdpServices, ProbeEchoAndRebootOnTheClientPort)
+TEST(UdpServices, ProbeAndEchoOnTheClientPort)
 {
     cgtest::Camera cam;
     ASSERT_TRUE(cam.start()) << cam.error();
-    cgtest::Fd c = udp_socket();
-
-    send_to(c.get(), "127.0.0.1", cam.port(), TK_CMD_PROBE);
+    cgtest::Fd c = cgtest::udp_socket();
+    send_datagram(c.get(), "127.0.0.1", cam.port(), TK_CMD_PROBE);
     std::vector<uint8_t> d;
     sockaddr_in from{};
     ASSERT_TRUE(recv_datagram(c.get(), &d, 3000, &from));
-    ASSERT_EQ(d.size(), 12u);
-    NEW_PACKET_HEADER h;
-    std::memcpy(&h, d.data(), sizeof h);
-    EXPECT_EQ(h.magic, TK_PROTO_MAGIC);
-    EXPECT_EQ(h.cmd, TK_CMD_PROBE_ACK);
-    EXPECT_EQ(h.len, 0u);
+    EXPECT_EQ(std::string(d.begin(), d.end()), cgtest::header_bytes(TK_CMD_PROBE_ACK));
     EXPECT_EQ(ntohs(from.sin_port), cam.port());
-
-    const sockaddr_in to = loopback("127.0.0.1", cam.port());
-    ASSERT_EQ(sendto(c.get(), "", 0, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
+    // An empty datagram comes back empty.
+    ASSERT_EQ(sendto(c.get(), "", 0, 0, reinterpret_cast<const sockaddr *>(&from), sizeof from), 0);
     ASSERT_TRUE(recv_datagram(c.get(), &d, 3000));
     EXPECT_TRUE(d.empty());
+}
 
-    // Remote reboot, with no upgrade running: the command goes to the shell (the recorder here).
-    send_to(c.get(), "127.0.0.1", cam.port(), TK_CMD_REMOTE_REBOOT);
-    EXPECT_TRUE(cgtest::wait_until([&] { return cgtest::has_line(cam.shell_log(), "reboot"); }, 3000));
-    EXPECT_FALSE(recv_datagram(c.get(), &d, 100)) << "a reboot is not answered";
+// The client port's handler in this process, for what depends on the session registry.
+TEST(UdpHandler, IgnoresJunkAndRefusesARebootDuringAnUpgrade)
+{
+    cgtest::fresh_registry();
+    cgtest::TempDir dir;
+    const std::string log = dir.file("shell.log");
+    setenv("CAMGATE_SHELL_LOG", log.c_str(), 1);
+    cgtest::Fd daemon = cgtest::udp_socket(), client = cgtest::udp_socket();
+    const timeval tv{0, 100000};
+    setsockopt(daemon.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    sockaddr_in to{};
+    socklen_t len = sizeof to;
+    getsockname(daemon.get(), reinterpret_cast<sockaddr *>(&to), &len);
+    auto send_raw = [&](const void *p, size_t n) {
+        ASSERT_EQ(sendto(client.get(), p, n, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), static_cast<ssize_t>(n));
+        EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), 0);
+    };
+    auto send_cmd = [&](int32_t cmd) { send_raw(cgtest::header_bytes(cmd).data(), sizeof(NEW_PACKET_HEADER)); };
+    std::vector<uint8_t> got;
+
+    // Nothing to read: -8, errno saying it was the time-out.
+    errno = 0;
+    EXPECT_EQ(edci_parse_udp_protocol(daemon.get()), -8);
+    EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
+
+    // A short datagram, a wrong magic and an unknown command are dropped.
+    send_raw("QVRM", 4);
+    const NEW_PACKET_HEADER wrong{0x5156524D, TK_CMD_PROBE, 0};  // "MRVQ"
+    send_raw(&wrong, sizeof wrong);
+    send_cmd(0x7777);
+    EXPECT_FALSE(recv_datagram(client.get(), &got, 100));
+
+    // A reboot while an upgrade session exists does nothing; without one it runs "reboot", unanswered.
+    cgtest::TcpPair pair = cgtest::tcp_pair();
+    const int upgrade = netuser_add_login_upgrade_session(1, "installer", pair.server.get());
+    ASSERT_GE(upgrade, 0);
+    send_cmd(TK_CMD_REMOTE_REBOOT);
+    EXPECT_EQ(cgtest::read_file(log), "");
+    ASSERT_EQ(netuser_remove_upgrade_session(upgrade), 0);
+    send_cmd(TK_CMD_REMOTE_REBOOT);
+    EXPECT_EQ(cgtest::read_file(log), "reboot\n");
+    EXPECT_FALSE(recv_datagram(client.get(), &got, 100));
+
+    // Stop and heartbeat of a session that is not a preview: -2 for the stop, silence for the heartbeat.
+    struct CG_PACKED {
+        NEW_PACKET_HEADER h;
+        int32_t id;
+    } stop{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_STOP, 4}, 0x01000000},
+        beat{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_HEARTBEAT, 4}, 0};
+    send_raw(&stop, sizeof stop);
+    ASSERT_TRUE(recv_datagram(client.get(), &got, 1000));
+    EXPECT_EQ(std::string(got.begin(), got.end()), cgtest::header_bytes(TK_ERR_SESSION));
+    send_raw(&beat, sizeof beat);
+    EXPECT_FALSE(recv_datagram(client.get(), &got, 100));
+    unsetenv("CAMGATE_SHELL_LOG");
 }
 
 TEST(UdpPreview, RequestsAreCheckedAndTheNewestKeyFrameIsSentInChunks)
@@ -229,12 +231,12 @@ TEST(UdpPreview, RequestsAreCheckedAndTheNewestKeyFrameIsSentInChunks)
     ASSERT_EQ(cgtest::write_tagged(0, 'V', 1, 800, CACHE_FRAME_TYPE_P, 1.04), 0);
     camgate::client::Session s("127.0.0.1", cam.port(), 3000);
     const int32_t auth = s.login("udp", "").session_id;
-    cgtest::Fd c = udp_socket();
+    cgtest::Fd c = cgtest::udp_socket();
 
     // The answer from the client port: its cmd, and the session id after it.
     auto ask = [&](int fd, int32_t auth_id, uint32_t protocol, uint32_t channel, int32_t *sid) {
         const NEW_PP_PERVIEW_REQ req{static_cast<TK_U32>(auth_id), protocol, channel, 0};
-        send_to(fd, "127.0.0.1", cam.port(), TK_CMD_PREVIEW_START, &req, sizeof req);
+        send_datagram(fd, "127.0.0.1", cam.port(), TK_CMD_PREVIEW_START, &req, sizeof req);
         std::vector<uint8_t> d;
         sockaddr_in from{};
         while (recv_datagram(fd, &d, 3000, &from)) {
@@ -314,9 +316,9 @@ TEST(UdpPreview, RequestsAreCheckedAndTheNewestKeyFrameIsSentInChunks)
 
     // A heartbeat is not answered; a stop is answered 0 and ends the stream.
     // (Sent from a socket of their own: the stream floods the viewer's.)
-    cgtest::Fd ctl = udp_socket();
-    send_to(ctl.get(), "127.0.0.1", cam.port(), TK_CMD_PREVIEW_HEARTBEAT, &sid, sizeof sid);
-    send_to(ctl.get(), "127.0.0.1", cam.port(), TK_CMD_PREVIEW_STOP, &sid, sizeof sid);
+    cgtest::Fd ctl = cgtest::udp_socket();
+    send_datagram(ctl.get(), "127.0.0.1", cam.port(), TK_CMD_PREVIEW_HEARTBEAT, &sid, sizeof sid);
+    send_datagram(ctl.get(), "127.0.0.1", cam.port(), TK_CMD_PREVIEW_STOP, &sid, sizeof sid);
     ASSERT_TRUE(recv_datagram(ctl.get(), &d, 3000));
     ASSERT_EQ(d.size(), 12u);
     NEW_PACKET_HEADER stopped;
@@ -329,7 +331,7 @@ TEST(UdpPreview, RequestsAreCheckedAndTheNewestKeyFrameIsSentInChunks)
 
     // A viewer that goes away ends its stream too (its port refuses the datagrams).
     {
-        cgtest::Fd gone = udp_socket();
+        cgtest::Fd gone = cgtest::udp_socket();
         ASSERT_EQ(ask(gone.get(), auth, PROTOCOL_TYPE_UDP, 0, &sid), 0);
         ASSERT_TRUE(recv_datagram(gone.get(), &d, 3000));
     }

@@ -9,6 +9,7 @@
 #include "main/tcl_hook.h"
 #include "net/active_register.h"
 #include "net/netuser.h"
+#include "support/front_end.h"
 #include "support/sockets.h"
 #include "support/testenv.h"
 
@@ -25,22 +26,11 @@ NET_CC_PARA centre_para(int port, const char *server = "127.0.0.1")
     return para;
 }
 
-int ctrl_count()
-{
-    int n = 0;
-    netuser_get_ctrl_sessions(nullptr, &n);
-    return n;
-}
+using cgtest::ctrl_session_count;
 
 class ActiveRegister : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        tcl_info *info = get_g_tcl_info();
-        info->tcl_enable = 1;
-        info->tcl_st = con_suc;
-        ASSERT_EQ(netuser_init(), 0);
-    }
+    void SetUp() override { cgtest::fresh_registry(); }
 
     // Accept the camera and read its registration message.
     cgtest::Fd accept_registration(NEW_PACKET_HEADER *head, NEW_PP_REGISTER_REQ *body)
@@ -132,21 +122,13 @@ TEST_F(ActiveRegister, AcceptedRegistrationBecomesAControlConnection)
     NEW_PACKET_HEADER head{};
     NEW_PP_REGISTER_REQ body{};
     cgtest::Fd cam = accept_registration(&head, &body);
-    EXPECT_EQ(head.magic, TK_PROTO_MAGIC);
-    EXPECT_EQ(head.cmd, TK_CMD_REGISTER);
-    EXPECT_EQ(head.len, 468u);
-    EXPECT_EQ(std::memcmp(&body.reg_priv, &para.reg_priv, sizeof para.reg_priv), 0);
-    EXPECT_EQ(body.dev_info.video_chns, 1);
-    EXPECT_EQ(body.dev_info.audio_chns, 1);
-    EXPECT_EQ(body.dev_info.netport_num, 1);
-    EXPECT_EQ(ctrl_count(), 0);  // no session before the acceptance
+    EXPECT_EQ(cgtest::bytes_of(head), cgtest::bytes_of(NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_CMD_REGISTER, 468}));
+    EXPECT_EQ(cgtest::bytes_of(body.reg_priv), cgtest::bytes_of(para.reg_priv));
+    EXPECT_EQ(ctrl_session_count(), 0);  // no session before the acceptance
 
-    struct CG_PACKED {
-        NEW_PACKET_HEADER head;
-        TK_S32 auth_id;
-    } accept{{TK_PROTO_MAGIC, 0, 4}, 4242};
-    ASSERT_EQ(send(cam.get(), &accept, sizeof accept, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof accept));
-    ASSERT_TRUE(cgtest::wait_until([] { return ctrl_count() == 1; }, 3000));
+    const TK_S32 auth_id = 4242;
+    ASSERT_TRUE(cgtest::send_message(cam.get(), 0, &auth_id, sizeof auth_id));
+    ASSERT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 1; }, 3000));
     CTRL_SESSION rec{};
     int n = 1;
     netuser_get_ctrl_sessions(&rec, &n);
@@ -165,36 +147,24 @@ TEST_F(ActiveRegister, AcceptedRegistrationBecomesAControlConnection)
     ASSERT_TRUE(cgtest::send_message(cam.get(), TK_CMD_LOGOUT));
     ASSERT_TRUE(cgtest::recv_exact(cam.get(), &reply, sizeof reply));
     EXPECT_TRUE(cgtest::wait_peer_closed(cam.get(), 3000));
-    EXPECT_EQ(ctrl_count(), 0);
+    EXPECT_EQ(ctrl_session_count(), 0);
     EXPECT_FALSE(centre_.accept(300).valid());  // no reconnection
 }
 
-TEST_F(ActiveRegister, RefusalClosesWithoutSession)
+TEST_F(ActiveRegister, RefusalOrACentreThatLeavesEarlyEndsTheThreadWithoutSession)
 {
-    const NEW_PACKET_HEADER refusals[] = {{TK_PROTO_MAGIC, -6, 4}, {TK_PROTO_MAGIC, 0, 8}, {TK_PROTO_MAGIC, 0, 0}};
-    for (const NEW_PACKET_HEADER &refusal : refusals) {
+    const std::string id("\x63\0\0\0", 4);
+    const std::string answers[] = {cgtest::header_bytes(-6, 4) + id, cgtest::header_bytes(0, 8) + id,
+                                   cgtest::header_bytes(0, 0) + id, std::string("QVRM\0\0", 6)};  // half a header
+    for (const std::string &answer : answers) {
         NET_CC_PARA para = centre_para(centre_.port());
         ASSERT_EQ(active_register(&para), 0);
         NEW_PACKET_HEADER head{};
         NEW_PP_REGISTER_REQ body{};
         cgtest::Fd cam = accept_registration(&head, &body);
-        const TK_S32 auth_id = 99;
-        send(cam.get(), &refusal, sizeof refusal, MSG_NOSIGNAL);
-        send(cam.get(), &auth_id, sizeof auth_id, MSG_NOSIGNAL);
-        EXPECT_TRUE(cgtest::wait_peer_closed(cam.get(), 3000)) << refusal.cmd << "/" << refusal.len;
-        EXPECT_EQ(ctrl_count(), 0);
+        send(cam.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+        shutdown(cam.get(), SHUT_WR);
+        EXPECT_TRUE(cgtest::wait_peer_closed(cam.get(), 3000)) << answer.size();
+        EXPECT_EQ(ctrl_session_count(), 0);
     }
-}
-
-TEST_F(ActiveRegister, CentreThatLeavesEarlyEndsTheThread)
-{
-    NET_CC_PARA para = centre_para(centre_.port());
-    ASSERT_EQ(active_register(&para), 0);
-    NEW_PACKET_HEADER head{};
-    NEW_PP_REGISTER_REQ body{};
-    cgtest::Fd cam = accept_registration(&head, &body);
-    send(cam.get(), "QVRM\0\0", 6, MSG_NOSIGNAL);  // half a header
-    shutdown(cam.get(), SHUT_WR);
-    EXPECT_TRUE(cgtest::wait_peer_closed(cam.get(), 3000));
-    EXPECT_EQ(ctrl_count(), 0);
 }

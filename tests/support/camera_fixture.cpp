@@ -18,11 +18,7 @@ sysd::Options sim_options(const CameraOptions &opt)
 Camera::Camera(CameraOptions opt) : opt_(std::move(opt)), sim_(std::make_unique<sysd::SysServerSim>(sim_options(opt_)))
 {
     port_ = opt_.port > 0 ? opt_.port : free_port_tcp_and_udp();
-    env_.shm_key = unique_ipc_key();
-    env_.discovery_port = free_port_tcp_and_udp();
-    env_.media_root = dir_.file("media");
-    env_.conf_dir = dir_.file("conf");
-    env_.shell_log = dir_.file("shell.log");
+    env_ = DaemonEnv::in(dir_);
     env_.extra = opt_.extra_env;
     // Put the protocol settings in place before the daemon reads them.
     NetworkProtocol p = sim_->get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);

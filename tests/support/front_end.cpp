@@ -7,6 +7,7 @@
 
 #include "main/tcl_hook.h"
 #include "net/netctrl.h"
+#include "net/netuser.h"
 #include "support/testenv.h"
 
 namespace cgtest {
@@ -28,6 +29,21 @@ int front_end_port()
     }();
     EXPECT_TRUE(started) << "the in-process front end did not start";
     return started ? static_cast<int>(get_g_tcl_info()->tcl_port.load()) : -1;
+}
+
+void fresh_registry()
+{
+    tcl_info *info = get_g_tcl_info();
+    info->tcl_enable = 1;
+    info->tcl_st = con_suc;
+    ASSERT_EQ(netuser_init(), 0);
+}
+
+int ctrl_session_count()
+{
+    int n = 0;
+    netuser_get_ctrl_sessions(nullptr, &n);
+    return n;
 }
 
 }  // namespace cgtest

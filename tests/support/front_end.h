@@ -16,4 +16,11 @@ namespace cgtest {
 // Fails the calling test (and returns -1) when it cannot start.
 int front_end_port();
 
+// The client protocol in service and an empty session registry, as every
+// test of the registry, the control loop or registration starts.
+void fresh_registry();
+
+// The number of control sessions in the registry.
+int ctrl_session_count();
+
 }  // namespace cgtest

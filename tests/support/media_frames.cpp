@@ -1,8 +1,10 @@
 #include "support/media_frames.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "media/shm_cache.h"
+#include "support/testenv.h"
 
 namespace cgtest {
 
@@ -14,6 +16,19 @@ char pattern_byte(int serial, int i)
 }
 
 }  // namespace
+
+CacheKey::CacheKey() : key_(unique_ipc_key())
+{
+    setenv("CAMGATE_SHM_KEY", text().c_str(), 1);
+}
+
+CacheKey::~CacheKey()
+{
+    shm_cache_writer_uninit();
+    shm_cache_reader_uninit();
+    remove_ipc(key_);
+    unsetenv("CAMGATE_SHM_KEY");
+}
 
 std::vector<char> tagged_frame(char tag, int serial, int size)
 {
@@ -46,6 +61,29 @@ int write_tagged(int idx, char tag, int serial, int size, int frametype, double 
 {
     std::vector<char> f = tagged_frame(tag, serial, size);
     return shm_cache_write_frame(idx, f.data(), static_cast<int>(f.size()), frametype, timestamp);
+}
+
+CachedFrame read_cached(int idx, int selector, int buflen)
+{
+    CachedFrame r;
+    r.serial = selector;
+    std::vector<char> buf(static_cast<size_t>(buflen > 0 ? buflen : 1), '\x5a');
+    r.ret = shm_cache_read_frame(idx, &r.serial, buf.data(), buflen, &r.size, &r.type, &r.ts);
+    if (r.ret == 0) r.data.assign(buf.data(), static_cast<size_t>(r.size));
+    if (r.ret == CACHE_RET_BUF_TOO_SMALL && buf[0] != '\x5a') r.data = "copied";
+    return r;
+}
+
+CachedFrame read_when_written(int idx, int selector, int timeout_ms)
+{
+    CachedFrame f;
+    wait_until(
+        [&] {
+            f = read_cached(idx, selector);
+            return f.ret != CACHE_RET_NO_FRAME;
+        },
+        timeout_ms, 2);
+    return f;
 }
 
 int request_preview(int port, Fd *fd, int32_t *session_id, uint32_t stream_index)

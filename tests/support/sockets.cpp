@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -87,6 +88,21 @@ void Listener::shutdown()
     ::shutdown(fd_.get(), SHUT_RDWR);
 }
 
+ScriptedPeer::ScriptedPeer(std::function<void(int fd)> script, int accept_timeout_ms)
+{
+    thread_ = std::thread([this, script, accept_timeout_ms] {
+        Fd fd = listener_.accept(accept_timeout_ms);
+        if (fd.valid()) script(fd.get());
+    });
+}
+
+void ScriptedPeer::join()
+{
+    if (!thread_.joinable()) return;
+    listener_.shutdown();
+    thread_.join();
+}
+
 Fd connect_loopback(int port, int timeout_ms)
 {
     const int64_t deadline = now_ms() + timeout_ms;
@@ -120,9 +136,10 @@ bool recv_exact(int fd, void *buf, size_t len, int timeout_ms)
 bool wait_peer_closed(int fd, int timeout_ms, std::vector<uint8_t> *data)
 {
     const int64_t deadline = now_ms() + timeout_ms;
-    for (;;) {
+    // Looks at least once, so a time-out of 0 tells whether the peer has closed already.
+    for (bool first = true;; first = false) {
         const int64_t left = deadline - now_ms();
-        if (left <= 0 || !wait_readable(fd, static_cast<int>(left))) return false;
+        if ((left <= 0 && !first) || !wait_readable(fd, static_cast<int>(std::max<int64_t>(0, left)))) return false;
         uint8_t buf[4096];
         ssize_t n = recv(fd, buf, sizeof buf, 0);
         if (n == 0) return true;
@@ -136,8 +153,7 @@ bool wait_peer_closed(int fd, int timeout_ms, std::vector<uint8_t> *data)
 
 bool send_message(int fd, int32_t cmd, const void *body, size_t len)
 {
-    NEW_PACKET_HEADER head{TK_PROTO_MAGIC, cmd, static_cast<TK_U32>(len)};
-    std::string out(reinterpret_cast<const char *>(&head), sizeof head);
+    std::string out = header_bytes(cmd, static_cast<uint32_t>(len));
     if (body != nullptr) out.append(static_cast<const char *>(body), len);
     size_t done = 0;
     while (done < out.size()) {
@@ -149,6 +165,78 @@ bool send_message(int fd, int32_t cmd, const void *body, size_t len)
         done += static_cast<size_t>(n);
     }
     return true;
+}
+
+bool recv_message(int fd, NEW_PACKET_HEADER *head, std::vector<uint8_t> *body, int timeout_ms)
+{
+    if (!recv_exact(fd, head, sizeof *head, timeout_ms) || head->len > (4u << 20)) return false;
+    body->resize(head->len);
+    return head->len == 0 || recv_exact(fd, body->data(), head->len, timeout_ms);
+}
+
+std::string header_bytes(int32_t cmd, uint32_t len)
+{
+    const NEW_PACKET_HEADER h{TK_PROTO_MAGIC, cmd, len};
+    return std::string(reinterpret_cast<const char *>(&h), sizeof h);
+}
+
+Fd udp_socket(int port)
+{
+    Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int one = 1, rcvbuf = 1 << 20;
+    setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+    sockaddr_in sa = loopback(port);
+    if (port != 0) sa.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) fd.reset();
+    return fd;
+}
+
+int local_port(int fd)
+{
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
+    return ntohs(sa.sin_port);
+}
+
+bool send_datagram(int fd, const char *addr, int port, int32_t cmd, const void *body, size_t len)
+{
+    std::string msg = header_bytes(cmd, static_cast<uint32_t>(len));
+    if (body != nullptr) msg.append(static_cast<const char *>(body), len);
+    sockaddr_in to = loopback(port);
+    inet_pton(AF_INET, addr, &to.sin_addr);
+    return sendto(fd, msg.data(), msg.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to) ==
+           static_cast<ssize_t>(msg.size());
+}
+
+bool recv_datagram(int fd, std::vector<uint8_t> *out, int timeout_ms, sockaddr_in *from)
+{
+    if (!wait_readable(fd, timeout_ms)) return false;
+    out->resize(65536);
+    sockaddr_in f{};
+    socklen_t len = sizeof f;
+    const ssize_t n = recvfrom(fd, out->data(), out->size(), 0, reinterpret_cast<sockaddr *>(&f), &len);
+    if (n < 0) return false;
+    out->resize(static_cast<size_t>(n));
+    if (from) *from = f;
+    return true;
+}
+
+bool udp_port_taken(int port)
+{
+    Fd fd(socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in sa = loopback(port);
+    sa.sin_addr.s_addr = htonl(INADDR_ANY);
+    return bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0;
+}
+
+USER_PRIVILEGE all_rights()
+{
+    USER_PRIVILEGE p;
+    std::memset(&p, 1, sizeof p);
+    return p;
 }
 
 }  // namespace cgtest

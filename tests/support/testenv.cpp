@@ -191,6 +191,17 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
     return true;
 }
 
+int Process::run(const std::string &program, const std::vector<std::string> &args, int timeout_ms)
+{
+    int status = 0;
+    if (!start(program, args)) return -1;
+    if (!wait_exit(timeout_ms, &status)) {
+        stop();
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 bool Process::running()
 {
     if (pid_ <= 0 || reaped_) return false;
@@ -245,6 +256,18 @@ int Process::count_output(const std::string &text) const
 bool Process::wait_output(const std::string &text, int timeout_ms, int count) const
 {
     return wait_until([&] { return count_output(text) >= count; }, timeout_ms, 10);
+}
+
+DaemonEnv DaemonEnv::in(const TempDir &dir, int sysserver_port)
+{
+    DaemonEnv env;
+    env.sysserver_port = sysserver_port;
+    env.shm_key = unique_ipc_key();
+    env.discovery_port = free_port_tcp_and_udp();
+    env.media_root = dir.file("media");
+    env.conf_dir = dir.file("conf");
+    env.shell_log = dir.file("shell.log");
+    return env;
 }
 
 std::map<std::string, std::string> DaemonEnv::to_env() const

@@ -68,6 +68,9 @@ class Process {
     // always forced to their safe values. False when the program cannot start.
     bool start(const std::string &program, const std::vector<std::string> &args = {},
                const std::map<std::string, std::string> &env = {});
+    // Start the program and wait for its end: its exit status, -1 when it did
+    // not start, did not end within timeout_ms (it is killed then) or died of a signal.
+    int run(const std::string &program, const std::vector<std::string> &args = {}, int timeout_ms = 15000);
     // Standard input of the next start(): the file (or FIFO) at path instead of /dev/null.
     void set_stdin(const std::string &path) { stdin_path_ = path; }
     pid_t pid() const { return pid_; }
@@ -94,6 +97,10 @@ class Process {
 
 // Wire environment of a daemon under test, filled from the simulators' ports.
 struct DaemonEnv {
+    // A unique frame-cache key, a free discovery port, and the media and
+    // configuration directories and the shell log under dir.
+    static DaemonEnv in(const TempDir &dir, int sysserver_port = 0);
+
     int sysserver_port = 0;
     key_t shm_key = 0;
     int discovery_port = 0;

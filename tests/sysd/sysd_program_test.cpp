@@ -144,20 +144,14 @@ TEST(SysdProgram, ReportsABrokenStateFileAndServesTheDefaults)
 TEST(SysdProgram, HelpAndBadArguments)
 {
     Process help;
-    ASSERT_TRUE(help.start(cgtest::bin_path("camgate-sysd"), {"--help"}));
-    int status = 0;
-    ASSERT_TRUE(help.wait_exit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_EQ(help.run(cgtest::bin_path("camgate-sysd"), {"--help"}), 0);
     for (const char *word :
          {"--port", "--state", "--client-port", "--no-push-on-set", "--verbose", "protocol on|off", "port N", "show"})
         EXPECT_NE(help.out().find(word), std::string::npos) << word;
-
-    const std::vector<std::vector<std::string>> bad_args = {{"--port", "99999"}, {"--bogus"}, {"--state"}};
-    for (const std::vector<std::string> &args : bad_args) {
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"--port", "99999"}, {"--bogus"}, {"--state"}}) {
         Process bad;
-        ASSERT_TRUE(bad.start(cgtest::bin_path("camgate-sysd"), args));
-        ASSERT_TRUE(bad.wait_exit(5000, &status));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << args[0];
+        EXPECT_EQ(bad.run(cgtest::bin_path("camgate-sysd"), args), 2) << args[0];
     }
 }
 

@@ -21,11 +21,6 @@ std::vector<OptionDef> discover_options()
     };
 }
 
-std::string or_dash(const std::string &s)
-{
-    return s.empty() ? "-" : s;
-}
-
 std::string camera_json(const client::DiscoveredCamera &c)
 {
     const client::DeviceInfo &d = c.device;

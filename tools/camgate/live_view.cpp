@@ -108,6 +108,15 @@ std::vector<OptionDef> record_option_defs()
     };
 }
 
+client::PreviewRequest request_from(const Options &opts, int32_t auth_id)
+{
+    client::PreviewRequest req;
+    req.auth_id = auth_id;
+    req.channel = static_cast<uint32_t>(opts.integer("channel", 0, 0, 63));
+    req.stream_index = static_cast<uint32_t>(opts.integer("stream", 0, 0, 6));
+    return req;
+}
+
 RecordOptions record_options_from(const Options &opts, const std::string &name)
 {
     RecordOptions r;

@@ -26,6 +26,8 @@ struct RecordOptions {
 std::vector<OptionDef> stream_option_defs();
 std::vector<OptionDef> record_option_defs();
 RecordOptions record_options_from(const Options &opts, const std::string &name);
+// The preview request of --channel and --stream for the login auth_id.
+client::PreviewRequest request_from(const Options &opts, int32_t auth_id);
 
 // Record frames from stream until the duration or frame count is reached,
 // SIGINT or SIGTERM arrive, or the stream ends. requested is when the stream

@@ -18,11 +18,6 @@ std::vector<OptionDef> login_options()
     return defs;
 }
 
-std::string or_dash(const std::string &s)
-{
-    return s.empty() ? "-" : s;
-}
-
 Rows device_rows(const client::DeviceInfo &d)
 {
     char mask[16];
@@ -83,8 +78,8 @@ std::string rights_json(const USER_PRIVILEGE &p)
 int run_login(const Options &opts)
 {
     const Target t = target_from(opts);
-    client::Session session(t.host, t.port, t.timeout_ms);
-    const client::LoginInfo info = session.login(t.user, t.password);
+    client::Session session = login_to(t);
+    const client::LoginInfo info = session.info();
     const int slot = static_cast<int>(static_cast<uint32_t>(info.session_id) >> 24);
 
     if (!opts.has("json")) {

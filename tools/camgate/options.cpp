@@ -125,6 +125,13 @@ Target target_from(const Options &opts)
     return t;
 }
 
+client::Session login_to(const Target &t)
+{
+    client::Session s(t.host, t.port, t.timeout_ms);
+    s.login(t.user, t.password);
+    return s;
+}
+
 std::string options_help(const std::vector<OptionDef> &defs)
 {
     size_t width = 0;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "client/client.h"
+
 namespace camgate {
 namespace tool {
 
@@ -58,6 +60,8 @@ struct Target {
     int timeout_ms = 10000;
 };
 Target target_from(const Options &opts);
+// A session with the target, logged in as its user.
+client::Session login_to(const Target &t);
 
 // Help text of a list of options, one per line, aligned.
 std::string options_help(const std::vector<OptionDef> &defs);

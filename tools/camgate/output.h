@@ -18,6 +18,12 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 // "key  value" lines with the values aligned, each line prefixed by indent.
 void print_rows(std::ostream &out, const Rows &rows, const std::string &indent = "");
 
+// The text, or "-" when it is empty.
+inline std::string or_dash(const std::string &s)
+{
+    return s.empty() ? "-" : s;
+}
+
 // A session id as "0x0312abcd".
 std::string hex_id(int32_t id);
 

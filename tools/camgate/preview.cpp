@@ -29,23 +29,13 @@ std::vector<OptionDef> active_preview_options()
     return defs;
 }
 
-client::PreviewRequest request_from(const Options &opts, int32_t auth_id)
-{
-    client::PreviewRequest req;
-    req.auth_id = auth_id;
-    req.channel = static_cast<uint32_t>(opts.integer("channel", 0, 0, 63));
-    req.stream_index = static_cast<uint32_t>(opts.integer("stream", 0, 0, 6));
-    return req;
-}
-
 int run_preview(const Options &opts)
 {
     const Target t = target_from(opts);
     const RecordOptions rec = record_options_from(opts, "preview");
     // The stream names the login it belongs to; the control session is not needed afterwards.
-    client::Session session(t.host, t.port, t.timeout_ms);
-    const client::LoginInfo &info = session.login(t.user, t.password);
-    const client::PreviewRequest req = request_from(opts, info.session_id);
+    client::Session session = login_to(t);
+    const client::PreviewRequest req = request_from(opts, session.info().session_id);
     const auto requested = std::chrono::steady_clock::now();
     client::PreviewStream stream(t.host, t.port, req, t.timeout_ms);
     session.logout();
@@ -60,9 +50,8 @@ int run_active_preview(const Options &opts)
     const std::string connect_to = opts.text("connect-to", "");
     client::ActiveListener listener(listen_port);
 
-    client::Session session(t.host, t.port, t.timeout_ms);
-    const client::LoginInfo &info = session.login(t.user, t.password);
-    const client::PreviewRequest req = request_from(opts, info.session_id);
+    client::Session session = login_to(t);
+    const client::PreviewRequest req = request_from(opts, session.info().session_id);
     const auto requested = std::chrono::steady_clock::now();
     const int result =
         client::request_active_preview(session, connect_to, listener.port(), req.channel, req.stream_index);

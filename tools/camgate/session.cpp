@@ -61,8 +61,8 @@ int run_session(const Options &opts)
     sigaddset(&set, SIGTERM);
     sigprocmask(SIG_BLOCK, &set, nullptr);
 
-    client::Session session(t.host, t.port, t.timeout_ms);
-    const client::LoginInfo &info = session.login(t.user, t.password);
+    client::Session session = login_to(t);
+    const client::LoginInfo &info = session.info();
     if (json)
         std::cout << JsonObject()
                          .add("event", "login")

@@ -7,16 +7,7 @@
 namespace camgate {
 namespace tool {
 
-CameraSession::CameraSession(const Options &opts)
-    : session_([&] {
-          const Target t = target_from(opts);
-          return client::Session(t.host, t.port, t.timeout_ms);
-      }()),
-      control_(session_)
-{
-    const Target t = target_from(opts);
-    session_.login(t.user, t.password);
-}
+CameraSession::CameraSession(const Options &opts) : session_(login_to(target_from(opts))), control_(session_) {}
 
 CameraSession::~CameraSession()
 {

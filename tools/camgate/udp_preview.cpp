@@ -52,12 +52,8 @@ int run_udp_preview(const Options &opts)
     const bool json = opts.has("json");
     catch_stop_signals();
 
-    client::Session session(t.host, t.port, t.timeout_ms);
-    const client::LoginInfo &info = session.login(t.user, t.password);
-    client::PreviewRequest req;
-    req.auth_id = info.session_id;
-    req.channel = static_cast<uint32_t>(opts.integer("channel", 0, 0, 63));
-    req.stream_index = static_cast<uint32_t>(opts.integer("stream", 0, 0, 6));
+    client::Session session = login_to(t);
+    client::PreviewRequest req = request_from(opts, session.info().session_id);
     req.protocol = opts.has("multicast") ? PROTOCOL_TYPE_MULTICAST : PROTOCOL_TYPE_UDP;
     const auto start = Clock::now();
     client::UdpPreview udp(t.host, t.port, req, t.timeout_ms);
