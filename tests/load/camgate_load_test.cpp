@@ -2,7 +2,6 @@
 // the encoder simulator.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -17,13 +16,10 @@
 
 namespace {
 
-// Run a program to its end (at most timeout_ms): its exit status, -1 when it did not end.
+// Run camgate-load to its end: its exit status (-1 when it did not end in time).
 int run(cgtest::Process &p, const std::vector<std::string> &args, int timeout_ms = 20000)
 {
-    EXPECT_TRUE(p.start(cgtest::bin_path("camgate-load"), args));
-    int status = 0;
-    if (!p.wait_exit(timeout_ms, &status)) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return p.run(cgtest::bin_path("camgate-load"), args, timeout_ms);
 }
 
 // The number after the first "key": at or after from in a JSON text (-1 when missing).
@@ -202,11 +198,12 @@ TEST(LiveReference, DeliversEachFrameOnceToEverySocket)
     ASSERT_TRUE(live.enc.start()) << live.enc.error();
     ASSERT_TRUE(live.enc.wait_for_video(0, 5, 5000));
     cgtest::Process p;
-    ASSERT_TRUE(p.start(program, {"--key", std::to_string(live.cam.shm_key()), "--sockets", "3", "--duration", "1.5",
-                                  "--audio", "--json"}));
-    int status = 0;
-    ASSERT_TRUE(p.wait_exit(10000, &status)) << p.err();
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << p.out() << p.err();
+    ASSERT_EQ(
+        p.run(program,
+              {"--key", std::to_string(live.cam.shm_key()), "--sockets", "3", "--duration", "1.5", "--audio", "--json"},
+              10000),
+        0)
+        << p.out() << p.err();
     const std::string j = p.out().substr(p.out().find("{\"sockets\""));
     EXPECT_NE(j.find("\"ok\": true"), std::string::npos) << j;
     // From the newest GOP's I-frame on: what the encoder wrote in 1.5 s and at most a GOP before.
