@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
@@ -17,6 +18,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -38,6 +40,30 @@ constexpr auto kWriteRetryPause = std::chrono::milliseconds(50);
 
 void noop_callback(unsigned short, const char *, int) {}
 
+// A channel buffer (400 KB read, 800 KB write) whose bytes are not written
+// when it is allocated: its pages count against the daemon's memory only as
+// frames pass through them, a few KB, instead of 1.2 MB from start-up on.
+class ChannelBuffer {
+  public:
+    bool allocate(size_t size)
+    {
+        data_.reset(new (std::nothrow) uint8_t[size]);
+        size_ = data_ ? size : 0;
+        return data_ != nullptr;
+    }
+    void release()
+    {
+        data_.reset();
+        size_ = 0;
+    }
+    bool empty() const { return size_ == 0; }
+    uint8_t *data() { return data_.get(); }
+
+  private:
+    std::unique_ptr<uint8_t[]> data_;
+    size_t size_ = 0;
+};
+
 struct Channel {
     // The channel mutex: sending, the write buffer, the pending request, the socket number.
     std::mutex mutex;
@@ -56,12 +82,12 @@ struct Channel {
     int first_attempt = 0;  // 0 not over yet, 1 connected, -1 failed
 
     // Reader thread only.
-    std::vector<uint8_t> read_buf;
+    ChannelBuffer read_buf;
     int read_offset = 0;
     int read_len = kHeadLen;
 
     // Under mutex.
-    std::vector<uint8_t> write_buf;
+    ChannelBuffer write_buf;
     int write_offset = 0;  // first unsent byte
     int write_len = 0;     // end of valid data
 
@@ -213,7 +239,14 @@ bool renew_socket(Channel &c)
     std::lock_guard<std::mutex> lock(c.mutex);
     if (c.fd >= 0) close(c.fd);
     c.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    return c.fd >= 0;
+    if (c.fd < 0) return false;
+    // Every frame goes out whole in one send; without this a request sent
+    // while an unanswered frame (a heartbeat, a write that is not waited
+    // for) is still unacknowledged waits for the server's delayed
+    // acknowledgement, about 40 ms.
+    const int one = 1;
+    setsockopt(c.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return true;
 }
 
 void finish_first_attempt(Channel &c, int result)
@@ -369,8 +402,12 @@ int socket_client_cmd_Init(int nSocketDeviceId, const char *strIp)
     if (c.status != SOCKET_STATUS_IDEL) return -1;
     wire_copy_str(c.server_ip, sizeof c.server_ip, ip);
     c.device_id = nSocketDeviceId;
-    c.read_buf.assign(SOCKET_DEVICE_READ_BUF_MAX_LEN, 0);
-    c.write_buf.assign(SOCKET_DEVICE_WRITE_BUF_MAX_LEN, 0);
+    if (!c.read_buf.allocate(SOCKET_DEVICE_READ_BUF_MAX_LEN) ||
+        !c.write_buf.allocate(SOCKET_DEVICE_WRITE_BUF_MAX_LEN)) {
+        c.read_buf.release();
+        c.write_buf.release();
+        return -1;
+    }
     c.read_offset = c.write_offset = c.write_len = 0;
     c.read_len = kHeadLen;
     c.exit_flag = 0;
@@ -380,8 +417,8 @@ int socket_client_cmd_Init(int nSocketDeviceId, const char *strIp)
         c.reader = std::thread(reader_main, &c);
     } catch (const std::system_error &) {
         c.status = SOCKET_STATUS_IDEL;
-        c.read_buf = std::vector<uint8_t>();
-        c.write_buf = std::vector<uint8_t>();
+        c.read_buf.release();
+        c.write_buf.release();
         return -1;
     }
     c.wake.wait(lock, [&c] { return c.first_attempt != 0; });
@@ -456,8 +493,8 @@ int socket_client_cmd_uninit()
         std::lock_guard<std::mutex> lock(c.mutex);
         if (c.fd >= 0) close(c.fd);
         c.fd = -1;
-        c.read_buf = std::vector<uint8_t>();
-        c.write_buf = std::vector<uint8_t>();
+        c.read_buf.release();
+        c.write_buf.release();
         c.write_offset = c.write_len = 0;
         c.pending = false;
         ++c.answer_seq;

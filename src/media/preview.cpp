@@ -18,6 +18,7 @@
 #include "common/zq_proto.h"
 #include "main/socketclientcmd.h"
 #include "main/tcl_hook.h"
+#include "media/frame_buffer.h"
 #include "media/shm_cache.h"
 #include "net/edci_protocol.h"
 #include "net/net_comm.h"
@@ -32,17 +33,6 @@ constexpr useconds_t kRetryUs = 5000;  // a failed read other than -20/-21
 constexpr useconds_t kAudioNoFrameUs = 40000;
 constexpr useconds_t kAudioStepUs = 13333;  // at most 75 audio frames a second
 constexpr int kActiveAnswerTimeoutSec = 10;
-
-// A frame buffer with room for the header in front of the data, so header and
-// data leave in one send from one buffer (the frame is copied once, by the read).
-std::unique_ptr<char[]> alloc_frame_buffer(int header_room, int size)
-{
-    try {
-        return std::make_unique<char[]>(static_cast<size_t>(header_room) + static_cast<size_t>(size));
-    } catch (const std::bad_alloc &) {
-        return nullptr;
-    }
-}
 
 bool in_service()
 {
@@ -210,9 +200,11 @@ int do_preview(media_info *m_info)
     timeval send_timeout{kSendTimeoutSec, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
 
-    std::unique_ptr<char[]> buf = alloc_frame_buffer(PREVIEW_MAX_HEADER, PREVIEW_VIDEO_BUF_SIZE);
+    // Room for the header in front of the data, so header and data leave in
+    // one send from one buffer (the frame is copied once, by the read).
+    const FrameBuffer buf(PREVIEW_MAX_HEADER + PREVIEW_VIDEO_BUF_SIZE);
     if (!buf) return -6;
-    char *const data = buf.get() + PREVIEW_MAX_HEADER;
+    char *const data = buf.data() + PREVIEW_MAX_HEADER;
 
     const useconds_t no_frame_us = static_cast<useconds_t>((2000000 / fps) / 3);
     int cur = CACHE_SEL_NEWEST_GOP;  // the serial (or selector) to read next
@@ -237,8 +229,7 @@ int do_preview(media_info *m_info)
 
         if (ret == CACHE_RET_NO_FRAME) {
             if (viewer_gone(fd) || !in_service()) break;
-            usleep(no_frame_us);
-            usleep(kRetryUs);
+            usleep(no_frame_us + kRetryUs);  // the two waits of a frame not yet written, in one sleep
             continue;
         }
         if (ret == CACHE_RET_OVER_WRITE) {
@@ -246,8 +237,7 @@ int do_preview(media_info *m_info)
             if (selector == CACHE_SEL_NEWEST_GOP) {
                 // Frames but no key frame to start at yet: wait for one.
                 if (viewer_gone(fd) || !in_service()) break;
-                usleep(no_frame_us);
-                usleep(kRetryUs);
+                usleep(no_frame_us + kRetryUs);
             }
             cur = CACHE_SEL_NEWEST_GOP;
             last = -2;
@@ -319,13 +309,10 @@ void *audio_stream_proc(void *arg)
         static_cast<int>(gettid()), sample_rate_of(settings.SampleRate), bit_width_of(settings.BitWidth),
         settings.AudioEnable, settings.SoundMode);
 
-    std::unique_ptr<char[]> buf;
-    if (idx < 0)
-        DBG("audio_stream_proc: no audio cache");
-    else
-        buf = alloc_frame_buffer(kAudioHeader, PREVIEW_AUDIO_BUF_SIZE);
+    const FrameBuffer buf(idx < 0 ? 0 : kAudioHeader + PREVIEW_AUDIO_BUF_SIZE);
+    if (idx < 0) DBG("audio_stream_proc: no audio cache");
     if (buf) {
-        char *const data = buf.get() + kAudioHeader;
+        char *const data = buf.data() + kAudioHeader;
         // The audio cache has no GOPs: -1 gives -20 while it is empty and -21
         // once audio is written, which moves on to 0, the newest frame.
         int serial = CACHE_SEL_NEWEST_GOP;

@@ -22,6 +22,7 @@
 #include "common/zq_proto.h"
 #include "main/socketclientcmd.h"
 #include "main/tcl_hook.h"
+#include "media/frame_buffer.h"
 #include "media/shm_cache.h"
 #include "net/active_register.h"
 #include "net/edci_protocol.h"
@@ -371,23 +372,17 @@ void *udp_preview_routine(void *arg)
     pkg.reset();
 
     int mediatype = 0, bps = 0, fps = 0, width = 0, height = 0;
-    std::unique_ptr<char[]> frame;
-    if (shm_cache_get_media_info(idx, &mediatype, &bps, &fps, &width, &height) != CACHE_RET_OK) {
-        ERR("InitVideoPara() error");
-    } else {
-        try {
-            frame = std::make_unique<char[]>(UDP_PREVIEW_BUF_SIZE);
-        } catch (const std::bad_alloc &) {
-            ERR("udp_preview_routine: no frame buffer");
-        }
-    }
+    const bool known = shm_cache_get_media_info(idx, &mediatype, &bps, &fps, &width, &height) == CACHE_RET_OK;
+    if (!known) ERR("InitVideoPara() error");
+    const FrameBuffer frame(known ? UDP_PREVIEW_BUF_SIZE : 0);
+    if (known && !frame) ERR("udp_preview_routine: no frame buffer");
     if (frame) DBG("udp_preview_routine start, fd = %d, session_id = %d, stream = %d", fd, session_id, idx);
     int64_t frames = 0;
     while (frame) {
         int serial = CACHE_SEL_NEWEST_GOP, length = 0, type = 0;
         double timestamp = 0;
         const int ret =
-            shm_cache_read_frame(idx, &serial, frame.get(), UDP_PREVIEW_BUF_SIZE, &length, &type, &timestamp);
+            shm_cache_read_frame(idx, &serial, frame.data(), UDP_PREVIEW_BUF_SIZE, &length, &type, &timestamp);
         if (ret != CACHE_RET_OK || length <= 0) {
             // No key frame to give (none yet, or larger than the buffer): wait
             // a little instead of spinning, and end once the viewer has gone.
@@ -403,7 +398,7 @@ void *udp_preview_routine(void *arg)
             const int chunk = length - off < TK_UDP_CHUNK_SIZE ? length - off : TK_UDP_CHUNK_SIZE;
             hdr.head.len = static_cast<TK_U32>(chunk + 4);
             hdr.chunk_index = static_cast<TK_U32>(index);
-            iovec iov[2] = {{&hdr, sizeof hdr}, {frame.get() + off, static_cast<size_t>(chunk)}};
+            iovec iov[2] = {{&hdr, sizeof hdr}, {frame.data() + off, static_cast<size_t>(chunk)}};
             msghdr msg{};
             msg.msg_iov = iov;
             msg.msg_iovlen = 2;

@@ -286,3 +286,35 @@ TEST_F(EncoderSimTest, StopRemovesTheCacheAndStartBeginsAnew)
 }
 
 }  // namespace
+
+namespace {
+
+// Bits a second of a synthetic stream with the frame sizes of vs.
+double stream_kbps(const encoder::VideoStream &vs)
+{
+    return (static_cast<double>(vs.i_frame_bytes) + static_cast<double>(vs.p_frame_bytes) * (vs.gop - 1)) * 8.0 *
+           vs.fps / vs.gop / 1000.0;
+}
+
+TEST(EncoderBitrate, FramesAreSizedForTheAskedRate)
+{
+    struct Case {
+        int kbps, fps, gop;
+    } cases[] = {{4000, 25, 25}, {16000, 25, 25}, {2000, 30, 60}, {512, 15, 1}};
+    for (const Case &c : cases) {
+        encoder::VideoStream vs;
+        vs.fps = c.fps;
+        vs.gop = c.gop;
+        encoder::size_for_bitrate(&vs, c.kbps);
+        SCOPED_TRACE(std::to_string(c.kbps) + " kbit/s, GOP " + std::to_string(c.gop));
+        EXPECT_NEAR(stream_kbps(vs), c.kbps, c.kbps * 0.01);
+        EXPECT_EQ(vs.i_frame_bytes, 8 * vs.p_frame_bytes);
+    }
+    // Below what the smallest frames carry, the frames keep their smallest sizes.
+    encoder::VideoStream tiny;
+    encoder::size_for_bitrate(&tiny, 16);
+    EXPECT_GE(tiny.p_frame_bytes, 64);
+    EXPECT_GE(tiny.i_frame_bytes, 128);
+}
+
+}  // namespace

@@ -30,6 +30,17 @@ std::string sample_path(const std::string &name)
     return std::string(CAMGATE_SAMPLES_DIR) + "/" + name;
 }
 
+void size_for_bitrate(VideoStream *vs, int kbps)
+{
+    constexpr int64_t kIWeight = 8;  // an I-frame weighs this many P-frames
+    const int64_t fps = vs->fps > 0 ? vs->fps : 25;
+    const int64_t gop = vs->gop > 0 ? vs->gop : 1;
+    const int64_t gop_bytes = static_cast<int64_t>(kbps) * 1000 / 8 * gop / fps;
+    const int64_t p = std::max<int64_t>(64, gop_bytes / (kIWeight + gop - 1));
+    vs->p_frame_bytes = static_cast<int>(std::min<int64_t>(p, 8 << 20));
+    vs->i_frame_bytes = static_cast<int>(std::max<int64_t>(128, std::min<int64_t>(p * kIWeight, 64 << 20)));
+}
+
 std::vector<VideoStream> sample_streams()
 {
     VideoStream main_stream;

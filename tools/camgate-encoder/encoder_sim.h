@@ -38,6 +38,11 @@ struct VideoStream {
     int p_frame_bytes = 3000;
 };
 
+// Size the synthetic frames of vs (at its frame rate and GOP) so that the
+// stream carries kbps kilobits a second, an I-frame weighing 8 P-frames; the
+// sizes are kept at or above the smallest frames the simulator writes.
+void size_for_bitrate(VideoStream *vs, int kbps);
+
 // The two streams of a camera: the 640x360 main stream and the 320x180 sub stream of samples/.
 std::vector<VideoStream> sample_streams();
 

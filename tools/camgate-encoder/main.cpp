@@ -35,6 +35,9 @@ const char kUsage[] =
     "  --size WxH              picture size of synthetic frames (default 640x360)\n"
     "  --fps N                 frame rate of synthetic frames, and of clips that carry none (default 25)\n"
     "  --gop N                 synthetic frames from one I-frame to the next (default 50)\n"
+    "  --kbps N                bit rate of synthetic streams in kbit/s: frames are sized so that a GOP\n"
+    "                          carries N kbit/s, an I-frame 8 times a P-frame (default: 24000-byte\n"
+    "                          I-frames and 3000-byte P-frames)\n"
     "  --cache-kb K            cache size of every video stream in K (default 2048, sub streams 1024)\n"
     "  --jpeg FILE             snapshot picture (default samples/snapshot-640x360.jpg)\n"
     "  --snapshot-interval MS  time between snapshots (default 1000)\n"
@@ -98,7 +101,7 @@ int main(int argc, char **argv)
     std::vector<std::string> clips;
     int streams = 0;
     bool synthetic = false;
-    int width = 640, height = 360, fps = 25, gop = 50, cache_kb = 0;
+    int width = 640, height = 360, fps = 25, gop = 50, cache_kb = 0, kbps = 0;
     long duration_s = 0, stats_s = 10;
 
     for (int i = 1; i < argc; ++i) {
@@ -125,6 +128,8 @@ int main(int argc, char **argv)
             fps = static_cast<int>(number("--fps", value(), 1, 240));
         } else if (a == "--gop") {
             gop = static_cast<int>(number("--gop", value(), 1, 100000));
+        } else if (a == "--kbps") {
+            kbps = static_cast<int>(number("--kbps", value(), 16, 1000000));
         } else if (a == "--cache-kb") {
             cache_kb = static_cast<int>(number("--cache-kb", value(), 1, 1 << 20));
         } else if (a == "--jpeg") {
@@ -172,6 +177,7 @@ int main(int argc, char **argv)
             vs.width = width;
             vs.height = height;
             vs.gop = gop;
+            if (kbps > 0) encoder::size_for_bitrate(&vs, kbps);
         }
         if (cache_kb > 0) vs.cache_kb = cache_kb;
     }
