@@ -73,7 +73,6 @@ TEST(LiveFraming, HeadersOfVideoAndAudioFrames)
     EXPECT_EQ(preview_pts_msec(-3.0), 0);
     EXPECT_EQ(preview_pts_msec(std::nan("")), 0);
     EXPECT_EQ(preview_pts_msec(1e300), 0);
-    EXPECT_EQ(preview_pts_msec(128.0), 128000 - 65536);
 }
 
 TEST(LiveFraming, PacingAimsTwoFramesAboveTheRateAndNeverWaitsLongerThanAFrame)
@@ -87,10 +86,6 @@ TEST(LiveFraming, PacingAimsTwoFramesAboveTheRateAndNeverWaitsLongerThanAFrame)
     EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 + 60000 + 1000)), 1000000 / 27 - 1000);
     // A clock set back: the wait is still bounded by one frame period.
     EXPECT_EQ(preview_pacing_delay(&p, 25, at_us(t0 - 5000000)), 40000);
-
-    preview_pacing fast;
-    EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0)), 5000);
-    EXPECT_EQ(preview_pacing_delay(&fast, 100, at_us(t0 + 2000)), 1000000 / 102 - 2000);
 
     // Any rate the cache may hold is paced without an overflow (the sanitizer build checks).
     preview_pacing absurd;
