@@ -203,9 +203,13 @@ TEST(CacheMng, DataThatWouldWrapStartsAtBlockZeroAfterADummy)
 TEST(CacheMng, FrameSlotRingWrapsAfter300Frames)
 {
     MemCache m(512);
-    for (int s = 0; s < 301; ++s) ASSERT_EQ(m.write(frame_bytes(s, 100), CACHE_FRAME_TYPE_P), 0);
+    for (int s = 0; s < 301; ++s)
+        ASSERT_EQ(m.write(frame_bytes(s, 100), s ? CACHE_FRAME_TYPE_P : CACHE_FRAME_TYPE_I), 0);
     EXPECT_EQ(m.c->cur_frame, 0) << "serial 300 reuses the first slot";
     EXPECT_EQ(m.c->cache_frame[0].serial, 300);
+    // The slot of the I-frame now holds a P-frame: the GOP selectors look at the slot's type, not its serial.
+    EXPECT_EQ(m.read(CACHE_SEL_NEWEST_GOP)->serial, 300);
+    EXPECT_EQ(m.read(CACHE_SEL_OLDEST_GOP)->serial, 300);
     EXPECT_EQ(m.read(300)->serial, 300);
     EXPECT_EQ(m.read(1)->serial, 1) << "slot 1 still holds serial 1";
     EXPECT_EQ(m.c->last_free_serial, -1) << "a reused slot is overwritten, not evicted";
@@ -218,13 +222,6 @@ TEST(CacheMng, FrameSlotRingWrapsAfter300Frames)
 
 TEST(CacheMng, GopSelectorsAfterTheKeyFrameIsGone)
 {
-    // The I-frame's slot is reused by P-frames: the selectors check the slot's type, not its serial.
-    MemCache big(512);
-    ASSERT_EQ(big.write("I", CACHE_FRAME_TYPE_I), 0);
-    for (int s = 1; s <= 300; ++s) ASSERT_EQ(big.write("P", CACHE_FRAME_TYPE_P), 0);
-    EXPECT_EQ(big.read(CACHE_SEL_NEWEST_GOP)->serial, 300);
-    EXPECT_EQ(big.read(CACHE_SEL_OLDEST_GOP)->serial, 300);
-
     // The I-frame is evicted for its blocks and its slot stays EMPTY: the newest-GOP selector
     // finds nothing, the oldest-GOP selector still hands out that empty slot.
     MemCache small(4);

@@ -191,27 +191,25 @@ TEST_F(ShmCacheFrames, ReaderInAnotherProcessFollowsTheWriter)
 
     shm_cache_reader_uninit();  // only detach: the child keeps writing into the segment
     ASSERT_EQ(shm_cache_reader_init(), 0);
-    std::vector<char> buf(1 << 16);
     int serial = CACHE_SEL_NEWEST_GOP, last = -1, delivered = 0, restarts = 0;
     const int64_t deadline = cgtest::now_ms() + 20000;
     bool torn = false, restart_not_key = false;
     while (last < kFrames - 1 && cgtest::now_ms() < deadline) {
-        int s = serial, size = 0, type = 0;
-        double ts = 0;
-        const int ret = shm_cache_read_frame(0, &s, buf.data(), static_cast<int>(buf.size()), &size, &type, &ts);
-        if (ret == CACHE_RET_NO_FRAME) {
+        const cgtest::CachedFrame r = read_cached(0, serial, 1 << 16);
+        if (r.ret == CACHE_RET_NO_FRAME) {
             usleep(100);
             continue;
         }
-        if (ret == CACHE_RET_OVER_WRITE) {
+        if (r.ret == CACHE_RET_OVER_WRITE) {
             serial = CACHE_SEL_NEWEST_GOP;
             ++restarts;
             continue;
         }
-        ASSERT_EQ(ret, 0);
+        ASSERT_EQ(r.ret, 0);
+        const int s = r.serial;
         if (s <= last) continue;  // a key-frame selector handed back an older frame
-        if (serial < 0 && type != CACHE_FRAME_TYPE_I) restart_not_key = true;
-        if (std::string(buf.data(), static_cast<size_t>(size)) != frame_bytes(s, size) || ts != s) torn = true;
+        if (serial < 0 && r.type != CACHE_FRAME_TYPE_I) restart_not_key = true;
+        if (r.data != frame_bytes(s, r.size) || r.ts != s) torn = true;
         last = s;
         serial = s + 1;
         ++delivered;
