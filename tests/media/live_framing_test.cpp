@@ -3,7 +3,6 @@
 // the interface lookup behind the search reply.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <time.h>
 
 #include <cctype>
@@ -11,6 +10,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -103,19 +103,14 @@ TEST(LiveFraming, InterfaceLookupGivesTheMacAndAnAddressMadeOfItsLastFourBytes)
 
     // An interface with a hardware address: the text in capitals, and the
     // "address" built from its bytes 2 to 5.
-    DIR *dir = opendir("/sys/class/net");
-    ASSERT_NE(dir, nullptr);
     std::string name, address;
-    while (dirent *e = readdir(dir)) {
-        std::ifstream in(std::string("/sys/class/net/") + e->d_name + "/address");
-        std::string a;
-        if (e->d_name[0] != '.' && in >> a && a.size() == 17 && a != "00:00:00:00:00:00") {
-            name = e->d_name;
-            address = a;
+    for (const auto &e : std::filesystem::directory_iterator("/sys/class/net")) {
+        std::ifstream in(e.path() / "address");
+        if (in >> address && address.size() == 17 && address != "00:00:00:00:00:00") {
+            name = e.path().filename();
             break;
         }
     }
-    closedir(dir);
     if (name.empty()) GTEST_SKIP() << "no interface with a hardware address";
     ASSERT_EQ(geteth_ip_mask_mac_br(name.c_str(), ip, mask, mac), 0);
     for (char &c : address) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));

@@ -62,13 +62,6 @@ bool search(cgtest::Camera &cam, int listener, Search *reply, int *to_searcher =
     return true;
 }
 
-uint32_t ip(const char *text)
-{
-    in_addr a{};
-    inet_pton(AF_INET, text, &a);
-    return a.s_addr;
-}
-
 }  // namespace
 
 TEST(Discovery, TheSearchIsAnsweredByBroadcastWithTheCameraAndItsNetwork)
@@ -83,10 +76,10 @@ TEST(Discovery, TheSearchIsAnsweredByBroadcastWithTheCameraAndItsNetwork)
     cap.IoOutputCount = 2;
     cam.sim().put(ZQ_GETDEVICECAP, cap);
     NetworkConfig net = cam.sim().get<NetworkConfig>(ZQ_GETNETWORK);
-    net.IPv4Address = ip("10.1.2.3");
-    net.IPv4Mask = ip("255.255.0.0");
-    net.IPv4Gateway = ip("10.1.0.1");
-    net.IPv4DNS = ip("10.1.0.53");
+    net.IPv4Address = inet_addr("10.1.2.3");
+    net.IPv4Mask = inet_addr("255.255.0.0");
+    net.IPv4Gateway = inet_addr("10.1.0.1");
+    net.IPv4DNS = inet_addr("10.1.0.53");
     cam.sim().put(ZQ_GETNETWORK, net);
     NetworkProtocol proto = cam.sim().get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
     proto.HttpPort = 8080;
