@@ -2,15 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <memory>
-#include <thread>
+#include <string>
 #include <vector>
 
 #include "client/client.h"
-#include "main/tcl_hook.h"
 #include "net/netuser.h"
 #include "support/front_end.h"
 #include "support/sockets.h"
@@ -25,10 +23,16 @@ class Tool : public ::testing::Test {
   protected:
     void SetUp() override { port_ = cgtest::front_end_port(); }
 
-    // Run camgate with args to its end; the exit status (-1 when it did not end within 10 s).
-    static int run(cgtest::Process &p, const std::vector<std::string> &args)
+    struct Run {
+        int status;  // -1 when it did not end within 10 s
+        std::string out, err;
+    };
+    // Run camgate with args to its end.
+    static Run run(const std::vector<std::string> &args)
     {
-        return p.run(cgtest::bin_path("camgate"), args, 10000);
+        cgtest::Process p;
+        const int status = p.run(cgtest::bin_path("camgate"), args, 10000);
+        return {status, p.out(), p.err()};
     }
 
     std::string port() const { return std::to_string(port_); }
@@ -40,9 +44,9 @@ class Tool : public ::testing::Test {
 
 TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
 {
-    cgtest::Process p;
-    ASSERT_EQ(run(p, {"login", "--port", port(), "--user", "alice"}), 0) << p.err();
-    const std::string out = p.out();
+    const Run r = run({"login", "--port", port(), "--user", "alice"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string &out = r.out;
     EXPECT_NE(out.find("logged in to 127.0.0.1:" + port() + " as alice\n"), std::string::npos) << out;
     const std::string hex = "[0-9a-f]";
     EXPECT_TRUE(
@@ -53,15 +57,15 @@ TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
     EXPECT_TRUE(cgtest::has_line(out, "  video channels  1")) << out;
     EXPECT_TRUE(cgtest::has_line(out, "  serial number   -")) << out;
     EXPECT_NE(out.find("\nlogged out\n"), std::string::npos) << out;
-    EXPECT_TRUE(p.err().empty()) << p.err();
+    EXPECT_TRUE(r.err.empty()) << r.err;
     EXPECT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 0; }, 2000));
 }
 
 TEST_F(Tool, LoginJsonIsOneObject)
 {
-    cgtest::Process p;
-    ASSERT_EQ(run(p, {"login", "--port=" + port(), "--json"}), 0) << p.err();
-    const std::string out = p.out();
+    const Run r = run({"login", "--port=" + port(), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string &out = r.out;
     ASSERT_FALSE(out.empty());
     EXPECT_EQ(out.front(), '{');
     EXPECT_EQ(out.substr(out.size() - 2), "}\n");
@@ -75,9 +79,9 @@ TEST_F(Tool, LoginJsonIsOneObject)
 
 TEST_F(Tool, SessionCountsHeartbeatsAndLogsOut)
 {
-    cgtest::Process p;
-    ASSERT_EQ(run(p, {"session", "--port", port(), "--interval", "0.1", "--count", "3"}), 0) << p.err();
-    const std::string out = p.out();
+    const Run r = run({"session", "--port", port(), "--interval", "0.1", "--count", "3"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string &out = r.out;
     EXPECT_EQ(out.find("logged in to 127.0.0.1:" + port() + " as admin, session 0x"), 0u) << out;
     for (int i = 1; i <= 3; ++i)
         EXPECT_TRUE(cgtest::has_line(out, "heartbeat " + std::to_string(i) + ": ok, [0-9]*.[0-9] ms")) << out;
@@ -104,38 +108,37 @@ TEST_F(Tool, SessionLogsOutCleanlyOnSignals)
 
 TEST_F(Tool, FailuresAreExplainedWithNonZeroStatus)
 {
-    {
-        cgtest::Process p;
-        EXPECT_EQ(run(p, {"login", "--port", std::to_string(cgtest::free_tcp_port())}), 1);
-        EXPECT_NE(p.err().find("camgate login: connection refused by 127.0.0.1:"), std::string::npos) << p.err();
-        cgtest::Process q;
-        EXPECT_EQ(run(q, {"login", "--host", ""}), 1);
-        EXPECT_NE(q.err().find("camgate login: cannot resolve host \"\""), std::string::npos) << q.err();
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        const char *says;  // in the error output
+    } cases[] = {
+        {{"login", "--port", std::to_string(cgtest::free_tcp_port())},
+         1,
+         "camgate login: connection refused by 127.0.0.1:"},
+        {{"login", "--host", ""}, 1, "camgate login: cannot resolve host \"\""},
+        {{"login", "--port", port(), "--user", "a-name-far-too-long"}, 2, "--user is longer than"},
+        {{"session", "--count"}, 2, "--count needs a value"},
+        {{"nonsense"}, 2, ""},
+    };
+    for (const auto &c : cases) {
+        const Run r = run(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args[0];
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
     }
-    {
-        std::vector<std::unique_ptr<camgate::client::Session>> held;
-        for (int i = 0; i < NETUSER_CTRL_MAX; ++i) {
-            held.push_back(std::make_unique<camgate::client::Session>("127.0.0.1", port_, 3000));
-            held.back()->login("holder", "");
-        }
-        cgtest::Process p;
-        EXPECT_EQ(run(p, {"login", "--port", port()}), 1);
-        EXPECT_EQ(p.err(), "camgate login: login refused: no free control session (-6)\n");
-        for (auto &s : held) s->logout();
+    const Run help = run({"session", "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("--interval SECONDS"), std::string::npos);
+
+    std::vector<std::unique_ptr<camgate::client::Session>> held;
+    for (int i = 0; i < NETUSER_CTRL_MAX; ++i) {
+        held.push_back(std::make_unique<camgate::client::Session>("127.0.0.1", port_, 3000));
+        held.back()->login("holder", "");
     }
-    {
-        cgtest::Process p;
-        EXPECT_EQ(run(p, {"login", "--port", port(), "--user", "a-name-far-too-long"}), 2);
-        EXPECT_NE(p.err().find("--user is longer than"), std::string::npos) << p.err();
-        cgtest::Process q;
-        EXPECT_EQ(run(q, {"session", "--count"}), 2);
-        EXPECT_NE(q.err().find("--count needs a value"), std::string::npos) << q.err();
-        cgtest::Process r;
-        EXPECT_EQ(run(r, {"nonsense"}), 2);
-        cgtest::Process h;
-        EXPECT_EQ(run(h, {"session", "--help"}), 0);
-        EXPECT_NE(h.out().find("--interval SECONDS"), std::string::npos);
-    }
+    const Run full = run({"login", "--port", port()});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "camgate login: login refused: no free control session (-6)\n");
+    for (auto &s : held) s->logout();
 }
 
 TEST_F(Tool, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
@@ -145,7 +148,7 @@ TEST_F(Tool, CameraThatDropsTheLoginPointsAtTheProtocolSwitch)
         NEW_PACKET_HEADER h;
         cgtest::recv_exact(fd, &h, sizeof h);
     });
-    cgtest::Process p;
-    EXPECT_EQ(run(p, {"login", "--port", std::to_string(cam.port())}), 1);
-    EXPECT_NE(p.err().find("closed the connection: is the client protocol enabled?"), std::string::npos) << p.err();
+    const Run r = run({"login", "--port", std::to_string(cam.port())});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("closed the connection: is the client protocol enabled?"), std::string::npos) << r.err;
 }
