@@ -18,11 +18,6 @@ using cgtest::CtrlReply;
 using Settings = cgtest::ControlConn;
 using cgtest::field_text;
 
-TK_U32 u32(uint32_t v)
-{
-    return v;
-}
-
 DeviceTime server_time()
 {
     DeviceTime t{};
@@ -102,7 +97,7 @@ TEST_F(Settings, DateFormatTellsTwoLayoutsAndRefusesTheThirdSilently)
 {
     CtrlReply r = ask(TK_CMD_GET_DATE_FORMAT);
     ASSERT_EQ(r.body.size(), 4u);
-    EXPECT_EQ(r.as<uint32_t>(), u32(DDF_YYYYMMDD));
+    EXPECT_EQ(r.as<uint32_t>(), TK_U32{DDF_YYYYMMDD});
     VideoOsdReq mask{};
     std::memset(&mask, 1, sizeof mask);
     mask.ChannelID = 0;
@@ -110,28 +105,28 @@ TEST_F(Settings, DateFormatTellsTwoLayoutsAndRefusesTheThirdSilently)
     EXPECT_EQ(frame(ZQ_GETVIDEOOSD).data, bytes_of(mask));
 
     const VideoOsd before = sim().get<VideoOsd>(ZQ_GETVIDEOOSD);
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_MMDDYYYY)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_MMDDYYYY}).result, 0);
     VideoOsd want = before;
     want.TimeType = 2;
     EXPECT_EQ(frame(ZQ_SETVIDEOOSD).data, bytes_of(want));  // the whole record, only TimeType changed
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_MMDDYYYY));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_MMDDYYYY});
 
     // Day first is not a layout of the overlay: answered 0, the record goes back unchanged.
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_DDMMYYYY)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_DDMMYYYY}).result, 0);
     EXPECT_EQ(frame(ZQ_SETVIDEOOSD, 2).data, bytes_of(want));
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_MMDDYYYY));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_MMDDYYYY});
 
     // Only a layout above 1 reads as month first.
     want.TimeType = 1;
     sim().put(ZQ_GETVIDEOOSD, want);
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_YYYYMMDD));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_YYYYMMDD});
     // A short overlay record: answered 0 with nothing, and a set writes nothing.
     sim().set_canned_answer(ZQ_GETVIDEOOSD, std::vector<uint8_t>(100, 0));
     r = ask(TK_CMD_GET_DATE_FORMAT);
     EXPECT_EQ(r.result, 0);
     EXPECT_TRUE(r.body.empty());
     sim().clear_received();
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_YYYYMMDD)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_YYYYMMDD}).result, 0);
     EXPECT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
     EXPECT_EQ(sim().count(ZQ_SETVIDEOOSD), 0);
 }
