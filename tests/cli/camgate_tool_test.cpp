@@ -42,7 +42,7 @@ class Tool : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
+TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOutAsTextOrJson)
 {
     const Run r = run({"login", "--port", port(), "--user", "alice"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -59,50 +59,46 @@ TEST_F(Tool, LoginPrintsSessionRightsAndDeviceThenLogsOut)
     EXPECT_NE(out.find("\nlogged out\n"), std::string::npos) << out;
     EXPECT_TRUE(r.err.empty()) << r.err;
     EXPECT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 0; }, 2000));
+
+    // The same as one JSON object.
+    const Run j = run({"login", "--port=" + port(), "--json"});
+    ASSERT_EQ(j.status, 0) << j.err;
+    const std::string &json = j.out;
+    ASSERT_FALSE(json.empty());
+    EXPECT_EQ(json.front(), '{');
+    EXPECT_EQ(json.substr(json.size() - 2), "}\n");
+    EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1);
+    EXPECT_TRUE(cgtest::has_line(json, R"(*"session_id": [0-9]*, "session_id_hex": "0x0*)")) << json;
+    EXPECT_NE(json.find(R"("operations": ["channel_set", "encode_set",)"), std::string::npos) << json;
+    EXPECT_NE(json.find(R"("net_preview_channels": "1-64")"), std::string::npos) << json;
+    EXPECT_NE(json.find(R"("video_chns": 1,)"), std::string::npos) << json;
+    EXPECT_NE(json.find(R"("logged_out": true})"), std::string::npos) << json;
 }
 
-TEST_F(Tool, LoginJsonIsOneObject)
-{
-    const Run r = run({"login", "--port=" + port(), "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::string &out = r.out;
-    ASSERT_FALSE(out.empty());
-    EXPECT_EQ(out.front(), '{');
-    EXPECT_EQ(out.substr(out.size() - 2), "}\n");
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
-    EXPECT_TRUE(cgtest::has_line(out, R"(*"session_id": [0-9]*, "session_id_hex": "0x0*)")) << out;
-    EXPECT_NE(out.find(R"("operations": ["channel_set", "encode_set",)"), std::string::npos) << out;
-    EXPECT_NE(out.find(R"("net_preview_channels": "1-64")"), std::string::npos) << out;
-    EXPECT_NE(out.find(R"("video_chns": 1,)"), std::string::npos) << out;
-    EXPECT_NE(out.find(R"("logged_out": true})"), std::string::npos) << out;
-}
-
-TEST_F(Tool, SessionCountsHeartbeatsAndLogsOut)
-{
-    const Run r = run({"session", "--port", port(), "--interval", "0.1", "--count", "3"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::string &out = r.out;
-    EXPECT_EQ(out.find("logged in to 127.0.0.1:" + port() + " as admin, session 0x"), 0u) << out;
-    for (int i = 1; i <= 3; ++i)
-        EXPECT_TRUE(cgtest::has_line(out, "heartbeat " + std::to_string(i) + ": ok, [0-9]*.[0-9] ms")) << out;
-    EXPECT_EQ(out.find("heartbeat 4"), std::string::npos);
-    EXPECT_NE(out.find("logged out (done) after 3 heartbeats\n"), std::string::npos) << out;
-}
-
+// Interrupted in text, terminated in JSON (a session that ends after its
+// count is in the camera's keepalive test).
 TEST_F(Tool, SessionLogsOutCleanlyOnSignals)
 {
-    for (int sig : {SIGINT, SIGTERM}) {
+    for (bool json : {false, true}) {
+        std::vector<std::string> args = {"session", "--port", port(), "--interval", "0.2"};
+        if (json) args.push_back("--json");
         cgtest::Process p;
-        ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), {"session", "--port", port(), "--interval", "0.2", "--json"}));
-        ASSERT_TRUE(p.wait_output("\"n\": 2", 5000)) << p.out() << p.err();
+        ASSERT_TRUE(p.start(cgtest::bin_path("camgate"), args));
+        ASSERT_TRUE(p.wait_output(json ? "\"n\": 2" : "heartbeat 2: ok", 5000)) << p.out() << p.err();
         EXPECT_EQ(ctrl_session_count(), 1);
-        kill(p.pid(), sig);
+        kill(p.pid(), json ? SIGTERM : SIGINT);
         int status = 0;
         ASSERT_TRUE(p.wait_exit(5000, &status));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        const std::string why = sig == SIGINT ? "interrupted" : "terminated";
-        EXPECT_NE(p.out().find(R"({"event": "logout", "reason": ")" + why + "\""), std::string::npos) << p.out();
         EXPECT_TRUE(cgtest::wait_until([] { return ctrl_session_count() == 0; }, 2000));
+        const std::string out = p.out();
+        if (json) {
+            EXPECT_NE(out.find(R"({"event": "logout", "reason": "terminated")"), std::string::npos) << out;
+        } else {
+            EXPECT_EQ(out.find("logged in to 127.0.0.1:" + port() + " as admin, session 0x"), 0u) << out;
+            EXPECT_TRUE(cgtest::has_line(out, "heartbeat 1: ok, [0-9]*.[0-9] ms")) << out;
+            EXPECT_TRUE(cgtest::has_line(out, "logged out (interrupted) after * heartbeats")) << out;
+        }
     }
 }
 

@@ -223,11 +223,8 @@ TEST(ClientDiscover, CollectsEachCameraOnceUntilTheTimeOut)
         append(reply, NEW_PACKET_HEADER{TK_PROTO_MAGIC, TK_CMD_SEARCH_DEVICE_ACK, sizeof(TK_SEARCH_REPLY)});
         TK_SEARCH_REPLY r{};
         std::memcpy(r.dev_info.serial_no, serial, std::min(std::strlen(serial), sizeof r.dev_info.serial_no));
-        wire_set_str(r.dev_info.release_date, "2013-05-12 00:00:00");
         wire_set_str(r.net.eths[0].ipaddr.ipv4, ip);
         wire_set_str(r.net.eths[0].mac_addr, "00:11:22:33:44:55");
-        r.net.tcp_port = 6258;
-        r.net.web_port = 80;
         append(reply, r);
         sockaddr_in to{};
         to.sin_family = AF_INET;
@@ -254,8 +251,6 @@ TEST(ClientDiscover, CollectsEachCameraOnceUntilTheTimeOut)
     EXPECT_EQ(first.ip, "10.0.0.1");
     EXPECT_EQ(second.device.serial_no, serial2);
     EXPECT_EQ(first.mac, "00:11:22:33:44:55");
-    EXPECT_EQ(first.tcp_port, 6258u);
-    EXPECT_EQ(first.device.release_date, "2013-05-12 00:00:00");
     EXPECT_EQ(first.from, "127.0.0.1:" + std::to_string(port));
 }
 
