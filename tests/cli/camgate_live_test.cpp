@@ -2,8 +2,6 @@
 // by the encoder simulator playing the sample clips: what a user runs.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -36,12 +34,6 @@ double json_number(const std::string &json, const std::string &key)
 {
     const size_t at = json.find("\"" + key + "\": ");
     return at == std::string::npos ? -1 : std::atof(json.c_str() + at + key.size() + 4);
-}
-
-long file_size(const std::string &path)
-{
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
 }
 
 }  // namespace
@@ -94,9 +86,10 @@ TEST(CamgateLive, DiscoverPreviewActivePreviewAndUdpPreviewOfTheSampleClip)
     EXPECT_GE(json_number(summary, "i_frames"), 4);
     EXPECT_GE(json_number(summary, "first_frame_ms"), 0);
     EXPECT_LT(json_number(summary, "first_frame_ms"), 1000);
-    EXPECT_EQ(file_size(video), static_cast<long>(json_number(summary, "video_bytes")));
-    EXPECT_GT(file_size(audio), 0);
-    EXPECT_EQ(file_size(audio) % 320, 0) << "whole 40 ms mu-law frames";
+    EXPECT_EQ(cgtest::read_file(video).size(), json_number(summary, "video_bytes"));
+    const size_t audio_bytes = cgtest::read_file(audio).size();
+    EXPECT_GT(audio_bytes, 0u);
+    EXPECT_EQ(audio_bytes % 320, 0u) << "whole 40 ms mu-law frames";
     EXPECT_TRUE(cgtest::has_line(preview.err(), "*frames * fps * kbit/s  I-frames *  audio frames *")) << preview.err();
 
     const std::string ffprobe = on_path("ffprobe"), ffmpeg = on_path("ffmpeg");

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <sys/wait.h>
 
 #include <memory>
 #include <string>
@@ -12,7 +11,6 @@
 
 #include "camgate-encoder/encoder_sim.h"
 #include "camgate-sysd/sysd_store.h"
-#include "client/client.h"
 #include "support/camera_fixture.h"
 #include "support/text.h"
 
@@ -22,23 +20,23 @@ class SettingsCli : public ::testing::Test {
   protected:
     static void SetUpTestSuite()
     {
-        dir_ = new cgtest::TempDir();
+        dir_ = std::make_unique<cgtest::TempDir>();
         cgtest::CameraOptions opt;
         opt.create_cache = false;
         opt.sysd_state_file = dir_->file("sysd.state");
-        cam_ = new cgtest::Camera(opt);
+        cam_ = std::make_unique<cgtest::Camera>(opt);
         encoder::Options eo;
         eo.key = cam_->shm_key();
         eo.audio = false;
         eo.snapshot_interval_ms = 200;
-        enc_ = new encoder::EncoderSim(eo);
+        enc_ = std::make_unique<encoder::EncoderSim>(eo);
         start_error_ = !enc_->start() ? "encoder: " + enc_->error() : !cam_->start() ? cam_->error() : "";
     }
     static void TearDownTestSuite()
     {
-        delete cam_;  // the daemon first, then the cache it reads
-        delete enc_;
-        delete dir_;
+        cam_.reset();  // the daemon first, then the cache it reads
+        enc_.reset();
+        dir_.reset();
     }
     void SetUp() override { ASSERT_EQ(start_error_, ""); }
 
@@ -63,16 +61,11 @@ class SettingsCli : public ::testing::Test {
         return s;
     }
 
-    static cgtest::TempDir *dir_;
-    static cgtest::Camera *cam_;
-    static encoder::EncoderSim *enc_;
-    static std::string start_error_;
+    static inline std::unique_ptr<cgtest::TempDir> dir_;
+    static inline std::unique_ptr<cgtest::Camera> cam_;
+    static inline std::unique_ptr<encoder::EncoderSim> enc_;
+    static inline std::string start_error_;
 };
-
-cgtest::TempDir *SettingsCli::dir_ = nullptr;
-cgtest::Camera *SettingsCli::cam_ = nullptr;
-encoder::EncoderSim *SettingsCli::enc_ = nullptr;
-std::string SettingsCli::start_error_;
 
 template <class T>
 T record_of(const sysd::Store &s, uint16_t get_cmd)
@@ -195,18 +188,22 @@ TEST_F(SettingsCli, PtzSnapshotDiskAndRaw)
 
 TEST_F(SettingsCli, WrongCommandLinesAreExplained)
 {
-    std::string out, err;
-    EXPECT_EQ(run({"time"}, &out, &err), 2);
-    EXPECT_NE(err.find("camgate time: say what to do: get, set"), std::string::npos) << err;
-    EXPECT_EQ(run({"net", "set"}, &out, &err), 2);
-    EXPECT_NE(err.find("nothing to change"), std::string::npos) << err;
-    EXPECT_EQ(run({"net", "set", "--ip", "10.0.0.256"}, &out, &err), 2);
-    EXPECT_NE(err.find("--ip must be a dotted IPv4 address"), std::string::npos) << err;
-    EXPECT_EQ(run({"ftp", "set", "--user", "a-user-name-of-20-ch"}, &out, &err), 2);
-    EXPECT_NE(err.find("--user is longer than the 15 bytes the camera keeps"), std::string::npos) << err;
-    EXPECT_EQ(run({"reboot"}, &out, &err), 2);
-    EXPECT_NE(err.find("add --yes"), std::string::npos) << err;
-    // The camera keeps its layout for day first and the tool says so.
-    EXPECT_EQ(run({"datefmt", "set", "--format", "dmy"}, &out, &err), 1);
-    EXPECT_NE(err.find("the camera kept YYYY-MM-DD: it does not support DD-MM-YYYY"), std::string::npos) << err;
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        const char *says;
+    } cases[] = {
+        {{"time"}, 2, "camgate time: say what to do: get, set"},
+        {{"net", "set"}, 2, "nothing to change"},
+        {{"net", "set", "--ip", "10.0.0.256"}, 2, "--ip must be a dotted IPv4 address"},
+        {{"ftp", "set", "--user", "a-user-name-of-20-ch"}, 2, "--user is longer than the 15 bytes the camera keeps"},
+        {{"reboot"}, 2, "add --yes"},
+        // The camera keeps its layout for day first and the tool says so.
+        {{"datefmt", "set", "--format", "dmy"}, 1, "the camera kept YYYY-MM-DD: it does not support DD-MM-YYYY"},
+    };
+    for (const auto &c : cases) {
+        std::string err;
+        EXPECT_EQ(run(c.args, nullptr, &err), c.status) << c.args[0];
+        EXPECT_NE(err.find(c.says), std::string::npos) << err;
+    }
 }

