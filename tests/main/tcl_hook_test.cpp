@@ -27,6 +27,14 @@ void push(const NetworkProtocol &p)
     TclCB(ZQ_PUSH_NETWORKPROTOCOL, reinterpret_cast<const char *>(&p), sizeof p);
 }
 
+// Push an alarm of type, cut to len bytes.
+void push_alarm(uint8_t type, size_t len = sizeof(AlarmInfo))
+{
+    AlarmInfo alarm{};
+    alarm.AlarmType = type;
+    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), static_cast<int>(len));
+}
+
 class TclHook : public ChannelTest {
   protected:
     void SetUp() override
@@ -163,10 +171,8 @@ TEST(TclCallback, AlarmLatchesOneFlagByTypeAndStampsTheTime)
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "AlarmType " << int(c.type));
         tcl_info_reset(&g_tcl_info);
-        AlarmInfo alarm{};
-        alarm.AlarmType = c.type;
         const time_t before = time(nullptr);
-        TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
+        push_alarm(c.type);
         std::lock_guard<std::mutex> lock(g_tcl_info.event_mutex);
         EXPECT_GE(g_tcl_info.event_time, before) << "every alarm stamps the time";
         const auto *raw = reinterpret_cast<const uint8_t *>(&g_tcl_info.event_state);
@@ -176,14 +182,11 @@ TEST(TclCallback, AlarmLatchesOneFlagByTypeAndStampsTheTime)
 
     // Flags stay latched (input 1 lands on its own byte); a null or too short alarm changes nothing.
     tcl_info_reset(&g_tcl_info);
-    AlarmInfo alarm{};
-    alarm.AlarmType = 1;
-    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
-    alarm.AlarmType = 4;
-    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), sizeof alarm);
+    push_alarm(1);
+    push_alarm(4);
     g_tcl_info.event_time = 1;
     TclCB(ZQ_PUSH_ALARM, nullptr, 580);
-    TclCB(ZQ_PUSH_ALARM, reinterpret_cast<const char *>(&alarm), 1);
+    push_alarm(4, 1);
     EXPECT_EQ(g_tcl_info.event_time, 1);
     EXPECT_EQ(g_tcl_info.event_state.alarmin_mask[1], 1);
     EXPECT_EQ(g_tcl_info.event_state.motion_mask[0], 1);
