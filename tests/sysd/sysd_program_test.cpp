@@ -45,7 +45,7 @@ struct Program {
     }
 };
 
-TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
+TEST(SysdProgram, ConsoleCommandsChangeSettingsPushThemAndAreStored)
 {
     Program prog;
     const std::string state = prog.dir.file("sysd.state");
@@ -101,36 +101,26 @@ TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_TRUE(prog.start({"--state", state}));
     {
-        SysdClient again(prog.port);
-        auto p = again.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+        auto p = SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
         EXPECT_EQ(p.TclPort, 7300);
         EXPECT_EQ(p.ThirdPartyProtocolType, 2);
     }
 
-    // --client-port overrides the stored port at start.
-    prog.proc.stop();
+    // A signal stops it cleanly; --client-port overrides the stored port at start.
+    EXPECT_EQ(kill(prog.proc.pid(), SIGTERM), 0);
+    ASSERT_TRUE(prog.proc.wait_exit(5000, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_TRUE(prog.start({"--state", state, "--client-port", "7400"}));
-    SysdClient third(prog.port);
-    auto p = third.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+    auto p = SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
     EXPECT_EQ(p.TclPort, 7400);
     EXPECT_EQ(p.ThirdPartyProtocolType, 2);
-}
 
-TEST(SysdProgram, ReportsABrokenStateFileAndServesTheDefaults)
-{
-    Program prog;
-    const std::string state = prog.dir.file("sysd.state");
+    // A broken state file is reported and the defaults are served.
+    prog.proc.stop();
     ASSERT_TRUE(cgtest::write_file(state, "CGSYSD01 but not really"));
     ASSERT_TRUE(prog.start({"--state", state}));
     EXPECT_TRUE(prog.proc.wait_output("using the defaults", 2000)) << prog.proc.err();
-    SysdClient client(prog.port);
-    EXPECT_EQ(client.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).TclPort, 6258);
-
-    // A signal stops it cleanly.
-    EXPECT_EQ(kill(prog.proc.pid(), SIGTERM), 0);
-    int status = 0;
-    ASSERT_TRUE(prog.proc.wait_exit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).TclPort, 6258);
 }
 
 TEST(SysdProgram, HelpAndBadArguments)
