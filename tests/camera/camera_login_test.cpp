@@ -3,17 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "client/client.h"
 #include "support/camera_fixture.h"
 #include "support/sockets.h"
-#include "support/text.h"
 
 namespace {
 

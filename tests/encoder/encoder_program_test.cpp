@@ -33,42 +33,34 @@ class EncoderProgram : public ::testing::Test {
     const std::string key_text_ = key_.text();
 };
 
-TEST_F(EncoderProgram, RunsUntilTerminatedThenRemovesTheCache)
+TEST_F(EncoderProgram, PausedUntilSignalledRunsUntilTerminatedThenRemovesTheCache)
 {
     cgtest::Process p;
     ASSERT_TRUE(p.start(cgtest::bin_path("camgate-encoder"),
                         {"--key", key_text_, "--synthetic", "--streams", "2", "--fps", "50", "--gop", "10",
-                         "--cache-kb", "256", "--no-snapshot", "--stats", "1"}));
-    ASSERT_TRUE(p.wait_output("created, writing", 5000)) << p.out() << p.err();
+                         "--cache-kb", "256", "--no-snapshot", "--paused", "--stats", "1"}));
+    ASSERT_TRUE(p.wait_output("created, paused", 5000)) << p.out() << p.err();
     EXPECT_TRUE(p.wait_output("stream 1: H.264 640x360 50 fps", 1000));
+    ASSERT_TRUE(cgtest::wait_until([] { return shm_cache_reader_init() == 0; }, 3000));
+    EXPECT_EQ(cgtest::read_cached(0, CACHE_SEL_NEWEST).ret, CACHE_RET_NO_FRAME);
+    EXPECT_EQ(get_audio_cache_idx(0), 2) << "two video caches, no snapshot cache, then audio";
+
+    ASSERT_EQ(kill(p.pid(), SIGUSR1), 0);
+    ASSERT_TRUE(p.wait_output("camgate-encoder: writing", 3000));
+    const cgtest::CachedFrame first = cgtest::read_when_written(0, 0);
     encoder::SyntheticFrame sf;
+    ASSERT_TRUE(encoder::parse_synthetic_frame(first.data.data(), first.data.size(), &sf));
+    EXPECT_TRUE(sf.key && sf.frame == 0) << "the first frame written is key frame 0";
     ASSERT_TRUE(read_key_frame(1, &sf));
     EXPECT_EQ(sf.stream, 1);
     EXPECT_TRUE(sf.key);
     EXPECT_EQ(sf.frame % 10, 0);
-    EXPECT_EQ(get_audio_cache_idx(0), 2) << "two video caches, no snapshot cache, then audio";
     ASSERT_TRUE(p.wait_output("refused 0", 3000)) << "a counters line each second";
 
     const int status = p.stop(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_NE(p.out().find("cache removed"), std::string::npos) << p.out();
     EXPECT_LT(shmget(key_.key(), 0, 0), 0) << "the segment is gone";
-}
-
-TEST_F(EncoderProgram, PausedUntilSignalled)
-{
-    cgtest::Process p;
-    ASSERT_TRUE(p.start(cgtest::bin_path("camgate-encoder"),
-                        {"--key", key_text_, "--synthetic", "--streams", "1", "--fps", "50", "--no-audio",
-                         "--no-snapshot", "--paused", "--stats", "0"}));
-    ASSERT_TRUE(p.wait_output("created, paused", 5000)) << p.out() << p.err();
-    ASSERT_TRUE(cgtest::wait_until([] { return shm_cache_reader_init() == 0; }, 3000));
-    EXPECT_EQ(cgtest::read_cached(0, CACHE_SEL_NEWEST).ret, CACHE_RET_NO_FRAME);
-    ASSERT_EQ(kill(p.pid(), SIGUSR1), 0);
-    ASSERT_TRUE(p.wait_output("camgate-encoder: writing", 3000));
-    encoder::SyntheticFrame sf;
-    ASSERT_TRUE(read_key_frame(0, &sf));
-    EXPECT_EQ(sf.frame, 0) << "the first key frame is frame 0";
 }
 
 TEST_F(EncoderProgram, OptionErrorsAndHelp)

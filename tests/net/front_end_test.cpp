@@ -1,5 +1,5 @@
-// The front end in this process: its server sockets and their rebuild, the
-// login and the dispatch of a first message (no system server: the device
+// The front end in this process: its server sockets, the login and the
+// dispatch of a first message (no system server: the device
 // description has its defaults).
 #include <gtest/gtest.h>
 
@@ -81,18 +81,6 @@ TEST(FrontEnd, ServerSocketsBindOrFail)
     EXPECT_TRUE(cgtest::udp_port_taken(port));
     close(udp);
     EXPECT_EQ(create_udp_fd(0xC0000201, static_cast<unsigned short>(port), 0), -1);  // 192.0.2.1: not ours
-}
-
-TEST(FrontEnd, ServerRebuildMovesBothServers)
-{
-    const int old_port = cgtest::front_end_port();
-    const int new_port = cgtest::free_port_tcp_and_udp();
-    EXPECT_EQ(netctrl_server_rebuild(0, static_cast<unsigned short>(new_port)), 0);
-    cgtest::Fd fd = start_login(new_port, login_req("admin", 5));
-    EXPECT_NE(login_reply(fd.get()), -1);
-    EXPECT_TRUE(cgtest::udp_port_taken(new_port));
-    EXPECT_FALSE(cgtest::connect_loopback(old_port, 0).valid());
-    EXPECT_EQ(cgtest::front_end_port(), new_port);
 }
 
 TEST(Login, WithoutASettingsServerTheDescriptionHasItsDefaults)

@@ -19,7 +19,6 @@ Camera::Camera(CameraOptions opt) : opt_(std::move(opt)), sim_(std::make_unique<
 {
     port_ = opt_.port > 0 ? opt_.port : free_port_tcp_and_udp();
     env_ = DaemonEnv::in(dir_);
-    env_.extra = opt_.extra_env;
     // Put the protocol settings in place before the daemon reads them.
     NetworkProtocol p = sim_->get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
     p.ThirdPartyProtocolEnable = static_cast<uint8_t>(opt_.protocol_enable);

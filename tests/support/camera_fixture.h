@@ -43,7 +43,6 @@ struct CameraOptions {
     int port = 0;                                        // TclPort; 0: a free TCP and UDP port
     bool create_cache = true;                            // create the frame cache with the layout below
     shm_cache_info_t cache{1, {256}, 1, {64}, 1, {16}};  // one video, one snapshot, one audio cache
-    std::map<std::string, std::string> extra_env;        // more variables for the daemon
     std::string sysd_state_file;                         // the simulator's state file ("" for none)
 };
 
@@ -61,8 +60,6 @@ class Camera {
 
     sysd::SysServerSim &sim() { return *sim_; }
     Process &daemon() { return daemon_; }
-    const DaemonEnv &env() const { return env_; }
-    const TempDir &dir() const { return dir_; }
 
     int port() const { return port_; }  // the client port the daemon was started with
     int discovery_port() const { return env_.discovery_port; }

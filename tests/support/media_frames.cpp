@@ -15,6 +15,20 @@ char pattern_byte(int serial, int i)
     return static_cast<char>((serial * 7 + i * 13 + (i >> 8)) & 0xFF);
 }
 
+// The bytes of frame serial with the given tag and size (at least kMinTaggedFrame).
+std::vector<char> tagged_frame(char tag, int serial, int size)
+{
+    std::vector<char> f(static_cast<size_t>(size < kMinTaggedFrame ? kMinTaggedFrame : size));
+    const char start[4] = {0, 0, 0, 1};
+    std::memcpy(f.data(), start, 4);
+    f[4] = tag;
+    const int32_t s = serial, n = static_cast<int32_t>(f.size());
+    std::memcpy(f.data() + 5, &s, 4);
+    std::memcpy(f.data() + 9, &n, 4);
+    for (size_t i = kMinTaggedFrame; i < f.size(); ++i) f[i] = pattern_byte(serial, static_cast<int>(i));
+    return f;
+}
+
 }  // namespace
 
 CacheKey::CacheKey() : key_(unique_ipc_key())
@@ -28,19 +42,6 @@ CacheKey::~CacheKey()
     shm_cache_reader_uninit();
     remove_ipc(key_);
     unsetenv("CAMGATE_SHM_KEY");
-}
-
-std::vector<char> tagged_frame(char tag, int serial, int size)
-{
-    std::vector<char> f(static_cast<size_t>(size < kMinTaggedFrame ? kMinTaggedFrame : size));
-    const char start[4] = {0, 0, 0, 1};
-    std::memcpy(f.data(), start, 4);
-    f[4] = tag;
-    const int32_t s = serial, n = static_cast<int32_t>(f.size());
-    std::memcpy(f.data() + 5, &s, 4);
-    std::memcpy(f.data() + 9, &n, 4);
-    for (size_t i = kMinTaggedFrame; i < f.size(); ++i) f[i] = pattern_byte(serial, static_cast<int>(i));
-    return f;
 }
 
 int tagged_serial(const std::vector<uint8_t> &data, char tag)

@@ -36,9 +36,6 @@ class CacheKey {
 
 constexpr int kMinTaggedFrame = 13;
 
-// The bytes of frame serial with the given tag and size (at least kMinTaggedFrame).
-std::vector<char> tagged_frame(char tag, int serial, int size);
-
 // The serial a frame names, or -1 when it is not a whole tagged frame of that tag.
 int tagged_serial(const std::vector<uint8_t> &data, char tag);
 

@@ -8,7 +8,6 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -132,11 +131,6 @@ std::string bin_path(const std::string &program)
     return std::string(CAMGATE_BIN_DIR) + "/" + program;
 }
 
-std::string shell_recorder_path()
-{
-    return std::string(CAMGATE_SOURCE_DIR) + "/tests/tools/shell-recorder";
-}
-
 Process::~Process()
 {
     stop();
@@ -151,7 +145,7 @@ bool Process::start(const std::string &program, const std::vector<std::string> &
         if (eq) merged[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
     }
     for (const auto &kv : env) merged[kv.first] = kv.second;
-    merged["CAMGATE_SHELL"] = shell_recorder_path();
+    merged["CAMGATE_SHELL"] = std::string(CAMGATE_SOURCE_DIR) + "/tests/tools/shell-recorder";
     merged["CAMGATE_BROADCAST_ADDR"] = "127.255.255.255";
 
     std::vector<std::string> env_strings;
@@ -272,14 +266,14 @@ DaemonEnv DaemonEnv::in(const TempDir &dir, int sysserver_port)
 
 std::map<std::string, std::string> DaemonEnv::to_env() const
 {
-    std::map<std::string, std::string> env = extra;
+    std::map<std::string, std::string> env;
     if (sysserver_port > 0) env["CAMGATE_SYSSERVER_PORT"] = std::to_string(sysserver_port);
     if (shm_key != 0) env["CAMGATE_SHM_KEY"] = std::to_string(shm_key);
     if (discovery_port > 0) env["CAMGATE_DISCOVERY_PORT"] = std::to_string(discovery_port);
     if (!media_root.empty()) env["CAMGATE_MEDIA_ROOT"] = media_root;
     if (!conf_dir.empty()) env["CAMGATE_CONF_DIR"] = conf_dir;
     if (!shell_log.empty()) env["CAMGATE_SHELL_LOG"] = shell_log;
-    env["CAMGATE_IFNAME"] = extra.count("CAMGATE_IFNAME") ? extra.at("CAMGATE_IFNAME") : "lo";
+    env["CAMGATE_IFNAME"] = "lo";
     return env;
 }
 

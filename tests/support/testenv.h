@@ -51,9 +51,8 @@ class TempDir {
 std::string read_file(const std::string &path);
 bool write_file(const std::string &path, const std::string &data);
 
-// Path of a program built into build/bin, and of the shell recorder.
+// Path of a program built into build/bin.
 std::string bin_path(const std::string &program);
-std::string shell_recorder_path();
 
 // A program started with fork/exec, stdout and stderr captured in files.
 class Process {
@@ -107,7 +106,6 @@ struct DaemonEnv {
     std::string media_root;
     std::string conf_dir;
     std::string shell_log;  // where the shell recorder writes
-    std::map<std::string, std::string> extra;
     std::map<std::string, std::string> to_env() const;
 };
 

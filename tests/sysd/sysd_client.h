@@ -4,7 +4,6 @@
 
 #include <sys/socket.h>
 
-#include <cstring>
 #include <vector>
 
 #include "camgate-sysd/sysd_sim.h"
@@ -53,10 +52,9 @@ class SysdClient {
     template <class T>
     T get(uint16_t cmd)
     {
-        std::vector<uint8_t> raw = request(cmd);
-        T rec{};
-        std::memcpy(&rec, raw.data(), raw.size() < sizeof rec ? raw.size() : sizeof rec);
-        return rec;
+        sysd::Frame f;
+        f.data = request(cmd);
+        return f.as<T>();
     }
 
   private:

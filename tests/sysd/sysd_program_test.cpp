@@ -45,7 +45,7 @@ struct Program {
     }
 };
 
-TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
+TEST(SysdProgram, ConsoleCommandsChangeSettingsPushThemAndAreStored)
 {
     Program prog;
     const std::string state = prog.dir.file("sysd.state");
@@ -54,37 +54,29 @@ TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
     bool answered = false;
     client.request(ZQ_GETDEVICECAP, nullptr, 0, &answered);
     ASSERT_TRUE(answered) << "the server has taken the connection, so pushes reach it";
-    sysd::Frame f;
-
-    prog.command("protocol off");
-    ASSERT_TRUE(client.read(&f));
+    // A console line and the push it makes.
+    auto pushed = [&](const std::string &line) {
+        prog.command(line);
+        sysd::Frame f;
+        EXPECT_TRUE(client.read(&f)) << line;
+        return f;
+    };
+    sysd::Frame f = pushed("protocol off");
     EXPECT_EQ(f.cmd, ZQ_PUSH_NETWORKPROTOCOL);
     EXPECT_EQ(f.param, SOCKET_DEVICE_NOBLOCK);
     ASSERT_EQ(f.data.size(), 2672u);
     EXPECT_EQ(f.as<NetworkProtocol>().ThirdPartyProtocolEnable, 0);
-
-    prog.command("port 7300");
-    ASSERT_TRUE(client.read(&f));
+    f = pushed("port 7300");
     EXPECT_EQ(f.as<NetworkProtocol>().TclPort, 7300);
     EXPECT_EQ(f.as<NetworkProtocol>().ThirdPartyProtocolEnable, 0) << "one change at a time";
-
-    prog.command("type 2");
-    ASSERT_TRUE(client.read(&f));
-    EXPECT_EQ(f.as<NetworkProtocol>().ThirdPartyProtocolType, 2);
-    prog.command("protocol on");
-    ASSERT_TRUE(client.read(&f));
-    EXPECT_EQ(f.as<NetworkProtocol>().ThirdPartyProtocolEnable, 1);
-    prog.command("push 306");
-    ASSERT_TRUE(client.read(&f));
-    EXPECT_EQ(f.cmd, ZQ_PUSH_NETWORKPROTOCOL);
-
-    prog.command("push 508 9");
-    ASSERT_TRUE(client.read(&f));
+    EXPECT_EQ(pushed("type 2").as<NetworkProtocol>().ThirdPartyProtocolType, 2);
+    EXPECT_EQ(pushed("protocol on").as<NetworkProtocol>().ThirdPartyProtocolEnable, 1);
+    EXPECT_EQ(pushed("push 306").cmd, ZQ_PUSH_NETWORKPROTOCOL);
+    f = pushed("push 508 9");
     EXPECT_EQ(f.cmd, ZQ_PUSH_ALARM);
     ASSERT_EQ(f.data.size(), 580u);
     EXPECT_EQ(f.as<AlarmInfo>().AlarmType, 9);
-    prog.command("push 204");
-    ASSERT_TRUE(client.read(&f));
+    f = pushed("push 204");
     EXPECT_EQ(f.cmd, ZQ_PUSH_SERVICE_STOP);
     EXPECT_TRUE(f.data.empty());
 
@@ -109,36 +101,26 @@ TEST(SysdProgram, ConsoleCommandsChangeSettingsAndPushThem)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_TRUE(prog.start({"--state", state}));
     {
-        SysdClient again(prog.port);
-        auto p = again.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+        auto p = SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
         EXPECT_EQ(p.TclPort, 7300);
         EXPECT_EQ(p.ThirdPartyProtocolType, 2);
     }
 
-    // --client-port overrides the stored port at start.
-    prog.proc.stop();
+    // A signal stops it cleanly; --client-port overrides the stored port at start.
+    EXPECT_EQ(kill(prog.proc.pid(), SIGTERM), 0);
+    ASSERT_TRUE(prog.proc.wait_exit(5000, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_TRUE(prog.start({"--state", state, "--client-port", "7400"}));
-    SysdClient third(prog.port);
-    auto p = third.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
+    auto p = SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL);
     EXPECT_EQ(p.TclPort, 7400);
     EXPECT_EQ(p.ThirdPartyProtocolType, 2);
-}
 
-TEST(SysdProgram, ReportsABrokenStateFileAndServesTheDefaults)
-{
-    Program prog;
-    const std::string state = prog.dir.file("sysd.state");
+    // A broken state file is reported and the defaults are served.
+    prog.proc.stop();
     ASSERT_TRUE(cgtest::write_file(state, "CGSYSD01 but not really"));
     ASSERT_TRUE(prog.start({"--state", state}));
     EXPECT_TRUE(prog.proc.wait_output("using the defaults", 2000)) << prog.proc.err();
-    SysdClient client(prog.port);
-    EXPECT_EQ(client.get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).TclPort, 6258);
-
-    // A signal stops it cleanly.
-    EXPECT_EQ(kill(prog.proc.pid(), SIGTERM), 0);
-    int status = 0;
-    ASSERT_TRUE(prog.proc.wait_exit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(SysdClient(prog.port).get<NetworkProtocol>(ZQ_GETNETWORKPROTOCOL).TclPort, 6258);
 }
 
 TEST(SysdProgram, HelpAndBadArguments)
